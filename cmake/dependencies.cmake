@@ -1,0 +1,68 @@
+# What the system builds on. A missing package stops the configuration with the name of its Debian package.
+
+function(zendar_missing what package)
+    message(FATAL_ERROR "${what} was not found. On Debian: apt-get install ${package}")
+endfunction()
+
+find_package(OpenMP COMPONENTS CXX)
+if(NOT OpenMP_CXX_FOUND)
+    zendar_missing("OpenMP for ${CMAKE_CXX_COMPILER}" "g++ (or libomp-16-dev for clang)")
+endif()
+
+# BLAS and LAPACK: the OpenMP flavour of OpenBLAS, found by its own folder, since the common library name is an
+# alternative that the pthread flavour wins. An old-style RPATH also serves the libraries that need LAPACK.
+add_library(zendar_lapack INTERFACE)
+find_library(OPENBLAS_OMP openblas NO_DEFAULT_PATH PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/openblas-openmp)
+if(OPENBLAS_OMP AND ZENDAR_BLAS_RPATH)
+    get_filename_component(openblas_folder ${OPENBLAS_OMP} DIRECTORY)
+    target_link_libraries(zendar_lapack INTERFACE ${OPENBLAS_OMP})
+    target_link_options(zendar_lapack INTERFACE "LINKER:--disable-new-dtags,-rpath,${openblas_folder}")
+else()
+    set(BLA_VENDOR OpenBLAS)
+    find_package(LAPACK)
+    if(NOT LAPACK_FOUND)
+        zendar_missing("OpenBLAS" "libopenblas-openmp-dev")
+    endif()
+    target_link_libraries(zendar_lapack INTERFACE LAPACK::LAPACK)
+endif()
+
+# Orderings: METIS, and AMD for graphs beyond its 32-bit integers. Neither has configuration files.
+add_library(zendar_ordering INTERFACE)
+find_path(METIS_INCLUDE metis.h)
+find_library(METIS_LIBRARY metis)
+if(NOT METIS_INCLUDE OR NOT METIS_LIBRARY)
+    zendar_missing("METIS" "libmetis-dev")
+endif()
+find_path(AMD_INCLUDE amd.h PATH_SUFFIXES suitesparse)
+find_library(AMD_LIBRARY amd)
+if(NOT AMD_INCLUDE OR NOT AMD_LIBRARY)
+    zendar_missing("AMD of SuiteSparse" "libsuitesparse-dev")
+endif()
+target_include_directories(zendar_ordering SYSTEM INTERFACE ${METIS_INCLUDE} ${AMD_INCLUDE})
+target_link_libraries(zendar_ordering INTERFACE ${METIS_LIBRARY} ${AMD_LIBRARY})
+
+# The direct solver: sequential MUMPS, whose three libraries need each other in this order.
+add_library(zendar_directsolver INTERFACE)
+find_path(MUMPS_INCLUDE dmumps_c.h)
+find_library(MUMPS_LIBRARY dmumps_seq)
+find_library(MUMPS_COMMON_LIBRARY mumps_common_seq)
+find_library(MUMPS_MPI_LIBRARY mpiseq_seq)
+if(NOT MUMPS_INCLUDE OR NOT MUMPS_LIBRARY OR NOT MUMPS_COMMON_LIBRARY OR NOT MUMPS_MPI_LIBRARY)
+    zendar_missing("The sequential MUMPS" "libmumps-seq-dev")
+endif()
+target_include_directories(zendar_directsolver SYSTEM INTERFACE ${MUMPS_INCLUDE})
+target_link_libraries(zendar_directsolver INTERFACE
+    ${MUMPS_LIBRARY} ${MUMPS_COMMON_LIBRARY} ${MUMPS_MPI_LIBRARY} zendar_lapack)
+
+if(ZENDAR_TESTS)
+    find_package(GTest)
+    if(NOT GTest_FOUND)
+        zendar_missing("GoogleTest" "libgtest-dev libgmock-dev")
+    endif()
+endif()
+if(ZENDAR_BENCHMARKS)
+    find_package(benchmark)
+    if(NOT benchmark_FOUND)
+        zendar_missing("Google Benchmark" "libbenchmark-dev")
+    endif()
+endif()

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "modlogger.hpp"
+#include "modparameters.hpp"
+#include "modstructure.hpp"
+
+namespace zendar {
+
+/// Reads the phenotype file `param.file[0][0]` into dense arrays; sets `param.nphen` to the number of
+/// records.
+///
+/// A record is one line of numbers. The first line fixes the number of columns, which are counted at blanks;
+/// in the lines themselves blanks, tabs or one comma separate values, "3*0" stands for three of them, and
+/// exponents may have d, D, e or E. What follows the last column is passed over. A line with fewer values
+/// than columns does not go on in the next one but is an error, as are a null value, a blank line between
+/// records, a phenotype or weight that is not finite, a level outside the integers of 32 bits, and a residual
+/// class outside the model. Blank lines at the end, a byte-order mark and carriage returns are no part of the
+/// records.
+///
+/// Two passes over the file in blocks of at most 1 MiB per thread; no other memory than the arrays.
+/// @throws fatal_error  with the first bad line (the same one for any number of threads).
+void readdata_phen_ascii(param_type& param, phenotype_data& data, logger& log);
+
+}  // namespace zendar

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "modgeneral.hpp"
+#include "modlogger.hpp"
+#include "modparameters.hpp"
+#include "modstructure.hpp"
+
+/// The run state and the stages that the driver calls in turn.
+namespace zendar {
+
+class file_writer;
+
+/// Everything that one run owns. Stages take it by reference; what lies below takes the parts it needs.
+struct run_state {
+    logger log;
+    param_type param;
+    run_options options;
+    phenotype_data data;
+    std::vector<covariable_type> cov;  ///< one per effect, empty without covariables
+    std::vector<double> rhs;
+    std::vector<double> solutions;
+    std::vector<double> aggregatesolutions;
+};
+
+/// Optional arguments of `initparfile`.
+struct run_mode {
+    bool lpec = false;     ///< reliabilities without solutions
+    bool lebvpev = false;  ///< solutions and reliabilities
+    std::string relparam = "none";
+};
+
+void initparfile(run_state& run, const std::string& parfile, const run_mode& mode);
+void readdata_ascii(run_state& run);
+void setlhsrhs(run_state& run);
+void solve(run_state& run);
+void initoutput(run_state& run);
+void output(run_state& run);
+void pec(run_state& run);
+void outputpevpec(run_state& run);
+void deallocdata(run_state& run);
+void resetmemory(run_state& run);
+
+/// The manual of the instruction file's options, through the logger.
+void man(bool markdown, logger& log);
+
+namespace modsnpmodel {
+/// The three readers of `!` lines, one after the other, and the warning of keywords that none of them takes.
+void read_parameter_file_options(param_type& param, run_options& options, const std::string& file, logger& log);
+/// As `zendar::write_parameter_file_options`, with the options of the run behind.
+void write_parameter_file_options(const param_type& param, const run_options& options, file_writer& out);
+}  // namespace modsnpmodel
+
+}  // namespace zendar

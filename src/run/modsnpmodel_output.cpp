@@ -1,0 +1,45 @@
+#include "modenum.hpp"
+#include "modsnpmodel.hpp"
+#include "modstats.hpp"
+
+namespace zendar {
+
+void initoutput(run_state& run) {
+    cputime clock(run.log, "START: initiating output");
+    computeaggregatesolutions(run.param, run.solutions, run.cov, run.aggregatesolutions, run.log);
+    clock.end("END: initiating output");
+}
+
+void output(run_state& run) {
+    logger& log = run.log;
+    const param_type& param = run.param;
+    const bool laggregate = !run.aggregatesolutions.empty();
+    cputime clock(log, "START: writing output");
+
+    write_raw_stream(run.solutions, param.solver.tmpsol, log);
+    if (param.lquorlen) {
+        writeoutput_real8(param, laggregate ? run.aggregatesolutions : run.solutions, "solutions_quorlen.dat",
+                          log);
+    } else {
+        writeoutput_real8(param, run.solutions, "solutions.dat", log);
+        if (laggregate) writeoutput_real8(param, run.aggregatesolutions, "aggregate_solutions.dat", log);
+    }
+    if (param.solstream) {
+        writeoutputstream_real8(param, run.solutions, "solutions.stream", log);
+        if (laggregate)
+            writeoutputstream_real8(param, run.aggregatesolutions, "aggregate_solutions.stream", log);
+    }
+    // The solvers on data keep no right-hand side here, except the Chebyshev iteration.
+    const std::int32_t code = param.solver.solver;
+    if (code != solver_pcg_iod && code != solver_dpcg_iod && code != solver_dpcg_iod_real)
+        writeoutput_real8(param, run.rhs, "rhs.dat", log);
+    if (!param.phendev.empty()) fatal(log, "Not implemented yet", "modsnpmodel", "output");
+    if (!param.yhat.empty()) fatal(log, "Not implemented yet", "modsnpmodel", "output");
+    clock.end("END: writing output");
+}
+
+void pec(run_state& run) { fatal(run.log, "Not implemented yet", "modsnpmodel", "pec"); }
+
+void outputpevpec(run_state& run) { fatal(run.log, "Not implemented yet", "modsnpmodel", "outputpevpec"); }
+
+}  // namespace zendar

@@ -1,0 +1,205 @@
+#include "modsnpmodel.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "modenum.hpp"
+#include "temporary_directory.hpp"
+
+namespace zendar {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+/// A finalised model of one trait and one class effect with three levels, in a directory of its own.
+class Stages : public ::testing::Test {
+  protected:
+    Stages() : at_(directory_.path()) {
+        run_.log.configure({.max_width = 1000});
+        run_.log.add_stream(screen_);
+        param_type& p = run_.param;
+        p.ntrait = 1;
+        p.neffect = 1;
+        allocpar(p);
+        p.type_effect[0] = teff_class;
+        p.n_level[0] = 3;
+        p.n_cov[0] = 1;
+        p.pos_effects(0, 0) = 1;
+        p.pos_traits[0] = 2;
+        setsumlevel(p, run_.log);
+        p.neq = 3;
+    }
+    [[nodiscard]] std::string screen() const { return screen_.str(); }
+
+    test::temporary_directory directory_;
+    test::working_directory at_;
+    std::ostringstream screen_;
+    run_state run_;
+};
+
+TEST_F(Stages, SolveNamesTheSolverAndStopsWhereItIsNotThere) {
+    for (const solver_entry& solver : solvers()) {
+        run_.param.solver.solver = solver.code;
+        run_.solutions.assign(3, 1.0);
+
+        EXPECT_THROW(solve(run_), fatal_error);
+
+        EXPECT_THAT(screen(), HasSubstr(std::string(solver.log_text) + "\n"));
+        EXPECT_THAT(screen(), HasSubstr("ERROR: The requested type of solver is not implemented\n"));
+        EXPECT_EQ(run_.solutions, std::vector<double>(3, 0.0));
+        screen_.str("");
+    }
+    run_.param.solver.solver = 77;
+    EXPECT_THROW(solve(run_), fatal_error);
+    EXPECT_THAT(screen(), HasSubstr("modsnpmodel % solve ("));
+    EXPECT_THAT(screen(), Not(HasSubstr("Chosen solver")));
+}
+
+TEST_F(Stages, SolveReadsStartingValuesExceptForTheDirectSolver) {
+    directory_.write("start.dat", "1 1 1 0 1.5\n1 1 3 0 -2\n");
+    run_.param.solver.startsol = "start.dat";
+    run_.solutions.assign(3, 0.0);
+
+    run_.param.solver.solver = solver_pardiso;
+    EXPECT_THROW(solve(run_), fatal_error);
+    EXPECT_EQ(run_.solutions, (std::vector<double>{0.0, 0.0, 0.0}));
+
+    run_.param.solver.solver = solver_pcg_iod;
+    EXPECT_THROW(solve(run_), fatal_error);
+    EXPECT_EQ(run_.solutions, (std::vector<double>{1.5, 0.0, -2.0}));
+}
+
+TEST_F(Stages, SetupAnnouncesTheSolutionsAndMovesThePhenotypesToTheStream) {
+    run_.param.nphen = 2;
+    run_.data.phen = matrix<double>(1, 2);
+    run_.data.phen(0, 0) = 1.25;
+    run_.data.phen(0, 1) = -9.0;
+
+    EXPECT_THROW(setlhsrhs(run_), fatal_error);
+
+    EXPECT_THAT(screen(), HasSubstr("START: creating LHS and RHS\nMemory (MB) needed for solutions: .00\n"));
+    EXPECT_THAT(screen(), HasSubstr("Wall clock time (s) to save phen to stream file: "));
+    EXPECT_TRUE(run_.data.phen.empty());
+    const std::string bytes = directory_.read("phentmp.stream");
+    ASSERT_EQ(bytes.size(), 16U);
+    double values[2];
+    std::memcpy(values, bytes.data(), 16);
+    EXPECT_EQ(values[0], 1.25);
+    EXPECT_EQ(values[1], -9.0);
+}
+
+TEST_F(Stages, InMemorySolversRefuseCompressedCovariables) {
+    run_.param.solver.solver = solver_pardiso;
+    run_.cov.resize(1);
+    run_.cov[0].compressed = true;
+
+    EXPECT_THROW(setlhsrhs(run_), fatal_error);
+
+    EXPECT_THAT(screen(), HasSubstr("ERROR: Compressed covariables are not allowed for in-memory options"));
+    EXPECT_FALSE(directory_.exists("phentmp.stream"));
+}
+
+TEST_F(Stages, OutputWritesTheSolutionsInTextAndRawForm) {
+    run_.solutions = {1.0, -0.25, 1234567.0};
+
+    initoutput(run_);
+    output(run_);
+
+    EXPECT_EQ(directory_.read("solutions.dat"), "1 1 1 0 1.00000\n1 1 2 0 -0.250000\n1 1 3 0 0.123457E+07\n");
+    const std::string bytes = directory_.read("ca491pcn.bin");
+    ASSERT_EQ(bytes.size(), 24U);
+    EXPECT_EQ(std::memcmp(bytes.data(), run_.solutions.data(), 24), 0);
+    EXPECT_FALSE(directory_.exists("rhs.dat"));
+    EXPECT_FALSE(directory_.exists("solutions.stream"));
+    EXPECT_FALSE(directory_.exists("aggregate_solutions.dat"));
+    EXPECT_THAT(screen(), HasSubstr("START: initiating output\n"));
+    EXPECT_THAT(screen(), HasSubstr("END: initiating output\n"));
+    EXPECT_THAT(screen(), HasSubstr("START: writing output\n"));
+    EXPECT_THAT(screen(), HasSubstr("END: writing output\n"));
+}
+
+TEST_F(Stages, OutputWritesAggregatesBesideTheSolutions) {
+    run_.solutions = {1.0, 2.0, 3.0};
+    run_.aggregatesolutions = {4.0, 5.0, 6.0};
+    run_.param.solstream = true;
+
+    output(run_);
+
+    EXPECT_EQ(directory_.read("aggregate_solutions.dat"), "1 1 1 0 4.00000\n1 1 2 0 5.00000\n1 1 3 0 6.00000\n");
+    EXPECT_EQ(directory_.read("solutions.stream").size(), 3 * 4 + 3 * 24U);
+    EXPECT_EQ(directory_.read("aggregate_solutions.stream").size(), 3 * 4 + 3 * 24U);
+}
+
+TEST_F(Stages, QuorlenReplacesBothFilesByTheAggregates) {
+    run_.solutions = {1.0, 2.0, 3.0};
+    run_.param.lquorlen = true;
+
+    output(run_);
+    EXPECT_EQ(directory_.read("solutions_quorlen.dat"), "1 1 1 0 1.00000\n1 1 2 0 2.00000\n1 1 3 0 3.00000\n");
+
+    run_.aggregatesolutions = {4.0, 5.0, 6.0};
+    output(run_);
+    EXPECT_EQ(directory_.read("solutions_quorlen.dat"), "1 1 1 0 4.00000\n1 1 2 0 5.00000\n1 1 3 0 6.00000\n");
+    EXPECT_FALSE(directory_.exists("solutions.dat"));
+    EXPECT_FALSE(directory_.exists("aggregate_solutions.dat"));
+}
+
+TEST_F(Stages, OnlyTheConjugateGradientsOnDataLeaveOutTheRightHandSide) {
+    run_.solutions.assign(3, 0.0);
+    run_.rhs = {7.0, 8.0, 9.0};
+    for (const solver_entry& solver : solvers()) {
+        std::filesystem::remove("rhs.dat");
+        run_.param.solver.solver = solver.code;
+
+        output(run_);
+
+        EXPECT_EQ(directory_.exists("rhs.dat"), solver.code != 120 && solver.code != 125 && solver.code != 126)
+            << solver.code;
+    }
+}
+
+TEST_F(Stages, WhatIsNotThereYetSaysSo) {
+    run_.solutions.assign(3, 0.0);
+    run_.param.phendev.assign(1, 0);
+    EXPECT_THROW(output(run_), fatal_error);
+    run_.param.phendev.clear();
+    run_.param.yhat.assign(1, 0);
+    EXPECT_THROW(output(run_), fatal_error);
+    EXPECT_THROW(pec(run_), fatal_error);
+    EXPECT_THROW(outputpevpec(run_), fatal_error);
+    EXPECT_THAT(screen(), HasSubstr("ERROR: Not implemented yet\n"));
+}
+
+TEST_F(Stages, ResetmemoryDeletesTheTemporaryStreamsAndTheState) {
+    directory_.write("rhstmp.stream", "x");
+    directory_.write("phentmp.stream", "x");
+    run_.solutions.assign(3, 1.0);
+    run_.param.solver.maxiter = 9;
+    run_.options.loptimem = 5;
+
+    resetmemory(run_);
+
+    EXPECT_FALSE(directory_.exists("rhstmp.stream"));
+    EXPECT_FALSE(directory_.exists("phentmp.stream"));
+    EXPECT_TRUE(run_.solutions.empty());
+    EXPECT_EQ(run_.param, param_type{});
+    EXPECT_EQ(run_.options.loptimem, 2);
+    resetmemory(run_);  // nothing left to delete is no error
+}
+
+TEST_F(Stages, DeallocdataFreesTheRecords) {
+    run_.data.phen = matrix<double>(1, 2);
+    run_.data.combitrait = {1, 1};
+
+    deallocdata(run_);
+
+    EXPECT_TRUE(run_.data.phen.empty());
+    EXPECT_TRUE(run_.data.combitrait.empty());
+}
+
+}  // namespace
+}  // namespace zendar
