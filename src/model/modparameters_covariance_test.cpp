@@ -17,8 +17,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// ---- residual files
-// -----------------------------------------------------------------------------------------
+// ---- residual files --------------------------------------------------------------------------------------
 
 struct residual_result {
     std::vector<matrix<double>> r;
@@ -95,8 +94,16 @@ TEST(Readrf, StopsWhenTheFileCannotBeOpened) {
                 AllOf(HasSubstr("I/O ERROR: "), HasSubstr("With iostat = "), HasSubstr("With iomsg = ")));
 }
 
-// ---- covariance files
-// ---------------------------------------------------------------------------------------
+TEST(Readrf, StopsWhenTheReadingFails) {
+    if (!std::filesystem::exists("/proc/self/mem")) GTEST_SKIP() << "no file that opens and cannot be read";
+    captured_log log;
+    std::vector<matrix<double>> r;
+    EXPECT_EQ(fatal_message([&] { readrf("/proc/self/mem", 1, 1, r, log); }),
+              "Cannot read the file properly\nFile /proc/self/mem, line 0");
+    EXPECT_THAT(log.text(), HasSubstr("I/O ERROR: "));
+}
+
+// ---- covariance files ------------------------------------------------------------------------------------
 
 std::string read_matrix(std::string_view text, std::int32_t dim_g, matrix<double>& g,
                         std::string* logged = nullptr) {
@@ -143,8 +150,7 @@ TEST(Readgf, StopsWhenTheFileCannotBeOpened) {
               "Cannot open the file " + folder.path().string());
 }
 
-// ---- inversion
-// ----------------------------------------------------------------------------------------------
+// ---- inversion -------------------------------------------------------------------------------------------
 
 /// One effect per random type, each with the matrix (2 1; 1 2) for two traits.
 param_type random_effects(std::vector<std::int32_t> types) {
@@ -250,7 +256,7 @@ TEST_F(Invertg, StopsWithAMessageWhenItsLogCannotBeWritten) {
 
     EXPECT_THAT(fatal_message([&] { invertg(param, log_); }), HasSubstr("log_invcov_1.dat"));
 
-    EXPECT_THAT(log_.text(), HasSubstr("modparameters % invertg ("));
+    EXPECT_THAT(log_.text(), HasSubstr("I/O ERROR: Cannot open the log file log_invcov_1.dat\n"));
 }
 
 }  // namespace

@@ -173,8 +173,7 @@ TEST(CheckAndFinalize, RefusesMoreEquationsThanCanBeNumbered) {
     EXPECT_THAT(message_of(param), HasSubstr("more than 2147483647 equations"));
 }
 
-// ---- !andeffect
-// ---------------------------------------------------------------------------------------------
+// ---- !andeffect ------------------------------------------------------------------------------------------
 
 std::string combine(param_type param, std::int32_t e, std::int32_t with) {
     param.landeffect = true;
@@ -234,8 +233,7 @@ TEST(CheckAndFinalize, RefusesCombinationsOfCombinationsAndOfMissingEffects) {
     EXPECT_THAT(combine(param, 3, 0), HasSubstr("there is no such effect!"));
 }
 
-// ---- nesting
-// ------------------------------------------------------------------------------------------------
+// ---- nesting ---------------------------------------------------------------------------------------------
 
 TEST(Setnestedcovtoall, SpreadsTheColumnOverAllTraits) {
     param_type param = model(3, 2);

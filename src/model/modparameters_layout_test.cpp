@@ -159,8 +159,7 @@ TEST(Computenrhscontributions, CountsTheColumnsOfTheGroupTimesTheTraits) {
     EXPECT_EQ(computenrhscontributions(param, 4), 27);
 }
 
-// ---- against a list of all equations
-// ------------------------------------------------------------------------
+// ---- against a list of all equations ---------------------------------------------------------------------
 
 using unknown =
     std::tuple<std::int32_t, std::int32_t, std::int32_t, std::int32_t>;  // effect, level, column, trait

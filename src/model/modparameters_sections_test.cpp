@@ -200,8 +200,7 @@ TEST_F(ReadParameterFile, RefusesAFileThatIsNoInstructionFile) {
                 StartsWith("The following keyword is missing: N_TRAITS\nFile m.par, line 1\n"));
 }
 
-// ---- keywords and counts
-// ------------------------------------------------------------------------------------
+// ---- keywords and counts ---------------------------------------------------------------------------------
 
 TEST_F(ReadParameterFile, StopsAtAMissingKeyword) {
     EXPECT_EQ(error_of("N_WEIGHTS", "n_weights"),
@@ -298,8 +297,7 @@ TEST_F(ReadParameterFile, ReportsTheResidualSection) {
     EXPECT_EQ(error_of("r1.txt", "r9.txt"), "Cannot open the file r9.txt");
 }
 
-// ---- POS_EFFECTS
-// --------------------------------------------------------------------------------------------
+// ---- POS_EFFECTS -----------------------------------------------------------------------------------------
 
 TEST_F(ReadParameterFile, TakesNamesAndKindsBehindTheTable) {
     ASSERT_EQ(read(replaced(animal_model, "1 0 2 1 0 0 none\n2 0 9 1 0 0 none",
@@ -362,8 +360,7 @@ TEST_F(ReadParameterFile, RefusesNestedHugeEffects) {
               "The huge effect 2 may not be a nested effect!\nFile m.par, line 13");
 }
 
-// ---- EFFECT_ID
-// ----------------------------------------------------------------------------------------------
+// ---- EFFECT_ID -------------------------------------------------------------------------------------------
 
 TEST_F(ReadParameterFile, TakesTheWordsOfEachRandomType) {
     struct expectation {
@@ -534,8 +531,7 @@ TEST_F(ReadParameterFile, KeepsOverlappingLinkedGroupsApart) {
     }
 }
 
-// ---- the procedures of their own
-// ----------------------------------------------------------------------------
+// ---- the procedures of their own -------------------------------------------------------------------------
 
 TEST(Checkparam, AcceptsTheKeywordOrTheAlternative) {
     captured_log log;

@@ -138,8 +138,7 @@ TEST(Writeghuge, WritesFileAndType) {
     EXPECT_EQ(folder.read("line.txt"), "snp.txt 1\n");
 }
 
-// ---- random models
-// --------------------------------------------------------------------------------------------
+// ---- random models ---------------------------------------------------------------------------------------
 
 /// Writes a random model in a random layout and keeps what a reader must find.
 class model_generator {

@@ -198,6 +198,48 @@ TEST(BlasDgemm, TakesEmptyOperands) {
     EXPECT_THAT(c.values(), ::testing::Each(2.0));
 }
 
+TEST(BlasDsyrk, AddsTheLowerTriangleOfTheProductAndLeavesTheUpper) {
+    const matrix<double> a = from_rows({{1.0, 2.0}, {3.0, -4.0}});
+    matrix<double> c = from_rows({{10.0, 77.0}, {20.0, 30.0}});
+
+    blas_dsyrk(-1.0, a.view(), 2.0, c.view());
+
+    EXPECT_EQ(c(0, 0), 15.0);
+    EXPECT_EQ(c(1, 0), 45.0);
+    EXPECT_EQ(c(1, 1), 35.0);
+    EXPECT_EQ(c(0, 1), 77.0);
+}
+
+TEST(BlasDsymm, ReadsTheLowerTriangleOnly) {
+    const matrix<double> a = from_rows({{2.0, not_a_number}, {3.0, 5.0}}), b = from_rows({{1.0}, {10.0}});
+    matrix<double> c(2, 1, 1.0);
+
+    blas_dsymm(2.0, a.view(), b.view(), -1.0, c.view());
+
+    EXPECT_THAT(c.values(), ::testing::ElementsAre(63.0, 105.0));
+}
+
+TEST(BlasDtrsmRight, SolvesWithALowerTriangleOrItsTranspose) {
+    const matrix<double> l = from_rows({{2.0, not_a_number}, {3.0, 4.0}});
+    matrix<double> plain = from_rows({{8.0, 4.0}}), transposed = from_rows({{8.0, 4.0}});
+
+    blas_dtrsm_right(false, l.view(), plain.view());
+    blas_dtrsm_right(true, l.view(), transposed.view());
+
+    EXPECT_THAT(plain.values(), ::testing::ElementsAre(2.5, 1.0));        // x l = b
+    EXPECT_THAT(transposed.values(), ::testing::ElementsAre(4.0, -2.0));  // x l' = b
+}
+
+TEST(BlasDtrsmRight, TakesEmptyOperands) {
+    matrix<double> nothing, rows(0, 2), l(2, 2, 1.0);
+
+    blas_dtrsm_right(true, l.view(), rows.view());
+    blas_dsyrk(1.0, nothing.view(), 1.0, nothing.view());
+    blas_dsymm(1.0, nothing.view(), nothing.view(), 1.0, nothing.view());
+
+    EXPECT_TRUE(rows.empty());
+}
+
 TEST(SetNumberOfThreads, SetsTheTeamOfParallelRegionsAndIgnoresZero) {
     const int before = omp_get_max_threads();
 

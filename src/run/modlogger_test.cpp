@@ -455,6 +455,7 @@ TEST_F(Fatal, LogsAPlainTextWithoutHeadAndPrefix) {
 TEST(PrivateLogger, TellsAnotherOneOfItsFailures) {
     std::ostringstream screen;
     logger log, report;
+    log.configure({.max_width = 1000});
     log.add_stream(screen);
     report.tell_failures_to(log);
 

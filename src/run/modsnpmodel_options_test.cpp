@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <regex>
 
 #include "modsnpmodel_options_detail.hpp"
 #include "option_reader.hpp"
@@ -89,12 +88,13 @@ TEST(RunOptions, WithAWrongNumberOfWordsAreDropped) {
 TEST(RunOptions, HaveTheDefaultsThatTheirHelpNames) {
     int found = 0;
     for (const auto& entry : detail::other_options()) {
-        std::smatch match;
-        if (!std::regex_search(entry.help, match, std::regex("default ?[=:] ?([0-9.e-]*[0-9])"))) continue;
+        const std::string value = test::named_default(entry.help);
+        if (value.empty()) continue;
         ++found;
         option_reader reader;
-        reader.all("!" + std::string(entry.keywords.front()) + " " + match[1].str() + "\n");
+        reader.all("!" + std::string(entry.keywords.front()) + " " + value + "\n");
         EXPECT_TRUE(same(reader.options, run_options{}));
+        EXPECT_EQ(reader.count("WARN"), 0);
     }
     EXPECT_EQ(found, 1);  // miss_phen
 }

@@ -112,7 +112,7 @@ const bad_input inputs[] = {
      "The following keyword is missing: N_TRAITS"},
     // the options
     {"OptionWithAWordForANumber", option("!maxiter ten"), "\"ten\" is not an integer!"},
-    {"OptionNamesFileAndLine", option("!maxiter ten"), "File model.par, line 24: !maxiter ten"},
+    {"OptionNamesFileAndLine", option("!maxiter ten"), "File model.par, line 22: !maxiter ten"},
     {"OptionWithAnEffectTooLarge", option("!yhat 1 9"), "\"9\" is not the number of an effect (1 to 2)!"},
     {"OptionWithAnEffectOfZero", option("!miraculix 0"), "\"0\" is not the number of an effect (1 to 2)!"},
     {"OptionLineTooLong", [](model_files& m) { m.par += "!iterfile " + std::string(3000, 'x') + "\n"; },

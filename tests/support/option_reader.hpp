@@ -14,6 +14,16 @@
 
 namespace zendar::test {
 
+/// The number behind "default" in a help text, as it stands there; empty when there is none.
+inline std::string named_default(const std::string& help) {
+    const std::size_t word = help.find("default");
+    if (word == std::string::npos) return {};
+    const std::size_t begin = help.find_first_not_of(" :=", word + std::string_view("default").size());
+    if (begin == std::string::npos) return {};
+    const std::string text = help.substr(begin, help.find_first_not_of("0123456789.e-", begin) - begin);
+    return text.substr(0, text.find_last_of("0123456789") + 1);
+}
+
 /// Reads option lines into the record of a model of given size, and keeps what was logged, without line
 /// breaks.
 class option_reader {
