@@ -106,7 +106,7 @@ const bad_input inputs[] = {
     {"NotFiniteCovariance", covariance("nan\n"), "Cannot read the file properly"},
     {"NoPhenotypeSection", cut_from("PHENO_FILE"), "before the keyword PHENO_FILE"},
     {"NoPhenotypeFileName", cut_from("data.txt"), "Issue with the file name of PHENO_FILE"},
-    {"BinaryFile", [](model_files& m) { m.par.assign("\0\x01\x02\xff\xfe PLINK \0\n", 16); },
+    {"BinaryFile", [](model_files& m) { m.par.assign("\0\x01\x02\xff\xfe PLINK \0\n", 14); },
      "The following keyword is missing: N_TRAITS"},
     {"ALineOfAMillionCharacters", [](model_files& m) { m.par.insert(0, std::string(1'000'000, 'N') + "\n"); },
      "The following keyword is missing: N_TRAITS"},

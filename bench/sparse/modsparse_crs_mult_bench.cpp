@@ -1,0 +1,201 @@
+// The product with a symmetric matrix of which the upper triangle is stored, beside what bounds it in the
+// same run: streaming the bytes of the product, and, where columns lie anywhere, gathers from x and scatters
+// into y on top of that. Read "of_floor": the time over that of the floor of the same matrix and threads.
+
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "modsparse_crs_mult.hpp"
+#include "modstats.hpp"
+
+namespace zendar {
+namespace {
+
+struct matrix_data {
+    std::int32_t n = 0;
+    std::vector<std::int32_t> ia, ja;
+    std::vector<double> a;
+
+    explicit matrix_data(std::vector<std::vector<std::int32_t>> rows)
+        : n(static_cast<std::int32_t>(rows.size())) {
+        ia.push_back(1);
+        for (auto& row : rows) {
+            std::ranges::sort(row);
+            row.erase(std::unique(row.begin(), row.end()), row.end());
+            for (const std::int32_t c : row) {
+                ja.push_back(c + 1);
+                a.push_back(1.0 / (c + 1));
+            }
+            ia.push_back(static_cast<std::int32_t>(ja.size()) + 1);
+        }
+    }
+    [[nodiscard]] crs_view<std::int32_t> view() const { return {n, n, ia, ja, a}; }
+    /// Matrix and vectors once: x and y read, y written.
+    [[nodiscard]] double bytes(std::int64_t columns) const {
+        return 12.0 * static_cast<double>(ja.size()) + (4.0 + 24.0 * static_cast<double>(columns)) * n;
+    }
+};
+
+enum kind : std::int64_t { banded, family_order, anywhere };
+constexpr std::int32_t equations = 1000000;
+
+/// A diagonal and five neighbours; the inverse of a relationship matrix whose parents stand up to 1000
+/// animals before their offspring; a diagonal and five random columns.
+matrix_data make(kind which) {
+    std::mt19937 generator(1);
+    std::vector<std::vector<std::int32_t>> rows(equations);
+    const auto put = [&](std::int32_t i, std::int32_t j) { rows[std::min(i, j)].push_back(std::max(i, j)); };
+    for (std::int32_t i = 0; i < equations; ++i) {
+        put(i, i);
+        if (which == banded)
+            for (std::int32_t k = 1; k <= 5; ++k) put(i, std::min(i + k, equations - 1));
+        if (which == family_order && i >= 1000) {
+            const auto family = static_cast<std::uint32_t>(i / 4);  // four full sibs
+            const std::int32_t sire = i / 4 * 4 - 1 - static_cast<std::int32_t>(family * 2654435761u % 990u);
+            const std::int32_t dam = i / 4 * 4 - 1 - static_cast<std::int32_t>(family * 40503u % 990u);
+            put(sire, i);
+            put(dam, i);
+            put(sire, dam);
+        }
+        if (which == anywhere)
+            for (std::int32_t k = 1; k <= 5; ++k)
+                put(i, static_cast<std::int32_t>(generator() % static_cast<std::uint32_t>(equations)));
+    }
+    return matrix_data(std::move(rows));
+}
+
+const matrix_data& matrix_of(kind which) {
+    static std::map<kind, matrix_data> made;
+    if (!made.contains(which)) made.emplace(which, make(which));
+    return made.at(which);
+}
+
+/// Wall clock, and processor time a thread: the second still tells something on a machine that does other work.
+struct timing {
+    double wall = 0.0, cpu = 0.0;
+};
+timing operator+(timing s, timing t) { return {s.wall + t.wall, s.cpu + t.cpu}; }
+timing operator*(double factor, timing t) { return {factor * t.wall, factor * t.cpu}; }
+
+class stopwatch {
+  public:
+    /// The least seen so far.
+    [[nodiscard]] timing best() const { return best_; }
+    void run(const auto& work) {
+        const double cpu = cpu_seconds();
+        const wtime clock;
+        work();
+        const double wall = clock.seconds();
+        best_.wall = std::min(best_.wall, wall);
+        best_.cpu = std::min(best_.cpu, (cpu_seconds() - cpu) / omp_get_max_threads());
+    }
+
+  private:
+    static double cpu_seconds() {
+        timespec t{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+        return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+    }
+    timing best_{1e30, 1e30};
+};
+
+timing best_of(const auto& work) {
+    stopwatch watch;
+    for (int repeat = 0; repeat < 15; ++repeat) watch.run(work);
+    return watch.best();
+}
+
+/// Seconds per byte of reading eight million doubles and as many integers.
+timing streaming() {
+    static const std::vector<double> a(1 << 23, 1.0);
+    static const std::vector<std::int32_t> ja(1 << 23, 1);
+    double sum = 0.0;
+    std::int32_t count = 0;
+    const timing seconds = best_of([&] {
+#pragma omp parallel for simd schedule(static) default(none) shared(a, ja) reduction(+ : sum, count)
+        for (std::int32_t k = 0; k < (1 << 23); ++k) {
+            sum += a[k];
+            count ^= ja[k];
+        }
+        benchmark::DoNotOptimize(sum);
+        benchmark::DoNotOptimize(count);
+    });
+    return 1.0 / (12.0 * (1 << 23)) * seconds;
+}
+
+/// Seconds of gathering from a vector at the columns of the matrix, beyond reading the columns; of
+/// scattering.
+timing gathers(const matrix_data& m, const std::vector<double>& x) {
+    double sum = 0.0;
+    return best_of([&] {
+#pragma omp parallel for schedule(static) default(none) shared(m, x) reduction(+ : sum)
+        for (std::int64_t k = 0; k < std::ssize(m.ja); ++k) sum += x[m.ja[k] - 1];
+        benchmark::DoNotOptimize(sum);
+    });
+}
+timing scatters(const matrix_data& m, std::vector<double>& y) {  // each thread into a vector of its own
+    const int threads = omp_get_max_threads();
+    std::vector<std::vector<double>> own(static_cast<std::size_t>(threads), y);
+    return best_of([&] {
+#pragma omp parallel num_threads(threads) default(none) shared(m, own, threads)
+        {
+            std::vector<double>& mine = own[omp_get_thread_num()];
+#pragma omp for schedule(static)
+            for (std::int64_t k = 0; k < std::ssize(m.ja); ++k) mine[m.ja[k] - 1] += 1.0;
+            benchmark::DoNotOptimize(mine.data());
+        }
+    });
+}
+
+/// What no product with one column can be below.
+timing floor_of(kind which, int threads) {
+    static std::map<std::pair<kind, int>, timing> known;
+    const auto [it, fresh] = known.try_emplace({which, threads});
+    if (fresh) {
+        const matrix_data& m = matrix_of(which);
+        std::vector<double> v(equations, 1.0);
+        it->second = m.bytes(1) * streaming();
+        if (which == anywhere) it->second = it->second + gathers(m, v) + scatters(m, v);
+    }
+    return it->second;
+}
+
+/// Arguments: matrix, columns, threads.
+void BM_crs_multiply_symmetric(benchmark::State& state) {
+    const auto which = static_cast<kind>(state.range(0));
+    const std::int64_t columns = state.range(1);
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(static_cast<int>(state.range(2)));
+    const matrix_data& m = matrix_of(which);
+    const matrix<double> x(equations, columns, 1.0);
+    matrix<double> y(equations, columns);
+    const timing floor = floor_of(which, static_cast<int>(state.range(2)));
+    stopwatch watch;
+    for (auto _ : state) {
+        watch.run([&] { crs_multiply(m.view(), storage::symmetric_upper, false, 1.0, x.view(), 1.0, y.view()); });
+        benchmark::ClobberMemory();
+    }
+    state.counters["wall_ms"] = 1e3 * watch.best().wall;
+    state.counters["cpu_ms"] = 1e3 * watch.best().cpu;
+    state.counters["floor_wall_ms"] = 1e3 * floor.wall;
+    state.counters["floor_cpu_ms"] = 1e3 * floor.cpu;
+    state.counters["of_floor"] = watch.best().wall / floor.wall;
+    state.counters["of_floor_cpu"] = watch.best().cpu / floor.cpu;
+    state.counters["streaming_GB/s"] = 1e-9 / streaming().wall;
+    omp_set_num_threads(before);
+}
+BENCHMARK(BM_crs_multiply_symmetric)
+    ->ArgNames({"matrix", "columns", "threads"})
+    ->ArgsProduct({{banded, family_order, anywhere}, {1, 10}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
+}  // namespace zendar

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "modsparse_crs_mult.hpp"
+
+/// What the files of the product share: one pass over the matrix for a few columns, by parts.
+///
+/// A part is a range of rows and the work of one thread. Columns go in blocks of B, the width, through
+/// row-major copies in which the B values of an equation stand together; a block may have fewer columns than
+/// B, the rest are zeros. With B = 1 the caller's own vectors serve as they are.
+namespace zendar::crs_mult {
+
+/// The widths that exist.
+inline constexpr int widest = 10;
+
+/// Rows below which the parts take turns: part p has rows bounds[p] .. bounds[p + 1] - 1, counted from 0.
+/// The cuts balance the elements.
+template <std::signed_integral Index>
+std::vector<std::int64_t> row_bounds(crs_view<Index> m, int parts);
+
+/// The same for the entries of a vector.
+inline std::int64_t even_bound(std::int64_t n, int part, int parts) {
+    return n * part / parts;
+}
+
+/// Memory that is written before it is read: pages that no sum reaches are never touched.
+inline std::unique_ptr<double[]> raw_memory(std::int64_t n) {
+    return std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(std::max<std::int64_t>(n, 1)));
+}
+
+/// B values side by side, in registers: all indices are constants.
+template <int B>
+class lanes {
+    using pair [[gnu::vector_size(16)]] = double;
+    using unit = std::conditional_t<B == 1, double, pair>;
+    static constexpr std::size_t units = B == 1 ? 1 : B / 2;
+    static_assert(B == 1 || B % 2 == 0);
+
+    unit u_[units]{};
+
+    using all = std::make_index_sequence<units>;
+    static constexpr std::size_t step = sizeof(unit) / sizeof(double);
+
+    // Out of line, the values would pass through memory.
+    template <std::size_t... K>
+    [[gnu::always_inline]] void load(const double* from, std::index_sequence<K...>) {
+        (std::memcpy(&u_[K], from + K * step, sizeof(unit)), ...);
+    }
+    template <std::size_t... K>
+    [[gnu::always_inline]] void store(double* to, std::index_sequence<K...>) const {
+        (std::memcpy(to + K * step, &u_[K], sizeof(unit)), ...);
+    }
+    template <std::size_t... K>
+    [[gnu::always_inline]] void add(double factor, const lanes& l, std::index_sequence<K...>) {
+        ((u_[K] += factor * l.u_[K]), ...);
+    }
+
+  public:
+    [[gnu::always_inline]] static lanes load(const double* from) {
+        lanes l;
+        l.load(from, all{});
+        return l;
+    }
+    [[gnu::always_inline]] void store(double* to) const { store(to, all{}); }
+    /// + factor * l
+    [[gnu::always_inline]] void add(double factor, const lanes& l) { add(factor, l, all{}); }
+    [[nodiscard, gnu::always_inline]] lanes times(double factor) const {
+        lanes l;
+        l.add(factor, *this);
+        return l;
+    }
+    /// Adds factor * this to B values in memory.
+    [[gnu::always_inline]] void add_to(double* to, double factor) const {
+        lanes l = load(to);
+        l.add(factor, *this);
+        l.store(to);
+    }
+};
+
+template <int B>
+void zero_rows(double* data, std::int64_t from, std::int64_t to) {
+    std::fill(data + from * B, data + to * B, 0.0);
+}
+
+/// Rows [from, to) of the columns of x, side by side.
+template <int B>
+void pack_rows(matrix_view<const double> x, std::int64_t from, std::int64_t to, double* packed) {
+    for (std::int64_t i = from; i < to; ++i) {
+        double* row = packed + i * B;
+        for (std::int64_t j = 0; j < B; ++j) row[j] = j < x.cols ? x.data[i + j * x.ld] : 0.0;
+    }
+}
+
+/// y = beta y + packed, for the rows [from, to).
+template <int B>
+void unpack_rows(const double* packed, double beta, std::int64_t from, std::int64_t to,
+                 matrix_view<double> y) {
+    for (std::int64_t i = from; i < to; ++i)
+        for (std::int64_t j = 0; j < y.cols; ++j) {
+            double& value = y.data[i + j * y.ld];
+            value = beta == 0.0 ? packed[i * B + j] : beta * value + packed[i * B + j];
+        }
+}
+
+/// The product with a matrix of which the upper triangle is stored.
+template <int B, std::signed_integral Index>
+void multiply_symmetric(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
+                        matrix_view<double> y, int parts);
+
+}  // namespace zendar::crs_mult

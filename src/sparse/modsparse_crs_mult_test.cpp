@@ -1,0 +1,223 @@
+#include "modsparse_crs_mult.hpp"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace zendar {
+namespace {
+
+const double not_a_number = std::numeric_limits<double>::quiet_NaN();
+
+/// Sets the threads for one test.
+class threads {
+  public:
+    explicit threads(int n) : before_(omp_get_max_threads()) { omp_set_num_threads(n); }
+    ~threads() { omp_set_num_threads(before_); }
+    threads(const threads&) = delete;
+    threads& operator=(const threads&) = delete;
+
+  private:
+    int before_;
+};
+
+/// Where the columns of a row lie.
+enum class pattern { anywhere, near_diagonal, mixed };
+
+template <std::signed_integral Index>
+struct rows_of_elements {
+    std::int32_t dim1, dim2;
+    std::vector<Index> ia{1}, ja{};
+    std::vector<double> a{};
+    [[nodiscard]] crs_view<Index> view() const { return {dim1, dim2, ia, ja, a}; }
+};
+
+/// Random rows, some of them empty, some without a diagonal element, their columns in any order.
+template <std::signed_integral Index>
+rows_of_elements<Index> random_rows(std::int32_t dim1, std::int32_t dim2, bool upper, pattern where,
+                                    std::int32_t per_row, std::mt19937& generator) {
+    rows_of_elements<Index> m{.dim1 = dim1, .dim2 = dim2};
+    std::uniform_real_distribution<double> value(-1.0, 1.0);
+    const auto below = [&](std::int32_t n) {
+        return static_cast<std::int32_t>(generator() % static_cast<std::uint32_t>(n));
+    };
+    for (std::int32_t i = 0; i < dim1; ++i) {
+        const std::int32_t first = upper ? std::min(i, dim2) : 0;
+        const std::int32_t room = dim2 - first;
+        std::vector<std::int32_t> columns;
+        const std::int32_t count = room == 0 || below(10) == 0 ? 0 : below(2 * per_row + 1);
+        for (std::int32_t k = 0; k < count; ++k) {
+            const bool near = where == pattern::near_diagonal || (where == pattern::mixed && below(50) != 0);
+            columns.push_back(first + below(near ? std::min(room, 20) : room));
+        }
+        std::ranges::sort(columns);
+        columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
+        if (below(3) == 0) std::ranges::shuffle(columns, generator);
+        for (const std::int32_t c : columns) {
+            m.ja.push_back(c + 1);
+            m.a.push_back(value(generator));
+        }
+        m.ia.push_back(static_cast<Index>(m.ja.size()) + 1);
+    }
+    return m;
+}
+
+matrix<double> random_matrix(std::int64_t rows, std::int64_t cols, std::mt19937& generator) {
+    std::uniform_real_distribution<double> value(-1.0, 1.0);
+    matrix<double> m(rows, cols);
+    std::ranges::generate(m.values(), [&] { return value(generator); });
+    return m;
+}
+
+/// Each element on its own, and its mirror image; sums of the absolute terms bound the rounding.
+template <std::signed_integral Index>
+void expect_product(const rows_of_elements<Index>& m, storage s, bool transposed, double alpha,
+                    const matrix<double>& x, double beta, const matrix<double>& before,
+                    const matrix<double>& after) {
+    matrix<double> expected(before.rows(), before.cols()), size(before.rows(), before.cols());
+    for (std::int64_t j = 0; j < before.cols(); ++j) {
+        for (std::int64_t i = 0; i < before.rows() && beta != 0.0; ++i) {
+            expected(i, j) = beta * before(i, j);
+            size(i, j) = std::abs(expected(i, j));
+        }
+        const auto put = [&](std::int64_t to, std::int64_t from, double v) {
+            expected(to, j) += alpha * v * x(from, j);
+            size(to, j) += std::abs(alpha * v * x(from, j));
+        };
+        for (std::int64_t i = 0; i < m.dim1; ++i)
+            for (Index k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k) {
+                const std::int64_t c = m.ja[k] - 1;
+                if (transposed)
+                    put(c, i, m.a[k]);
+                else
+                    put(i, c, m.a[k]);
+                if (s == storage::symmetric_upper && c != i) {
+                    if (transposed)
+                        put(i, c, m.a[k]);
+                    else
+                        put(c, i, m.a[k]);
+                }
+            }
+    }
+    for (std::int64_t j = 0; j < before.cols(); ++j)
+        for (std::int64_t i = 0; i < before.rows(); ++i)
+            ASSERT_NEAR(after(i, j), expected(i, j), 1e-12 * (1.0 + size(i, j))) << i << ' ' << j;
+}
+
+/// One random case; the seed decides shape, storage, scalars, columns and threads.
+template <std::signed_integral Index>
+void check_random_case(unsigned seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 generator(seed);
+    const auto below = [&](std::uint32_t n) { return static_cast<std::int32_t>(generator() % n); };
+    const auto s = static_cast<storage>(seed % 3);
+    const bool large = seed % 4 == 0, transposed = below(2) == 1;
+    const std::int32_t dim1 = large ? 3000 + below(3000) : 1 + below(60);
+    const std::int32_t dim2 = s == storage::symmetric_upper ? dim1 : large ? 3000 + below(3000) : 1 + below(60);
+    const auto m = random_rows<Index>(dim1, dim2, s != storage::general, static_cast<pattern>(below(3)),
+                                      1 + below(12), generator);
+    const std::int32_t columns = 1 + below(17);
+    const double alphas[] = {1.0, 0.0, -2.5}, betas[] = {0.0, 1.0, 0.75};
+    const double alpha = alphas[below(3)], beta = betas[below(3)];
+    // The columns stand in larger matrices, so that the leading dimension is not the number of rows.
+    matrix<double> x = random_matrix((transposed ? dim1 : dim2), columns, generator);
+    const std::int64_t rows = transposed ? dim2 : dim1;
+    const matrix<double> before =
+        beta == 0.0 ? matrix<double>(rows, columns, not_a_number) : random_matrix(rows, columns, generator);
+    matrix<double> wide(rows + 3, columns, 7.0), after(rows, columns);
+    for (std::int64_t j = 0; j < columns; ++j) std::ranges::copy(before.column(j), wide.column(j).begin());
+
+    const threads used(1 + below(8));
+    crs_multiply(m.view(), s, transposed, alpha, x.view(), beta,
+                 matrix_view<double>{wide.data(), rows, columns, wide.rows()});
+
+    for (std::int64_t j = 0; j < columns; ++j) {
+        std::ranges::copy(wide.column(j).first(static_cast<std::size_t>(rows)), after.column(j).begin());
+        for (std::int64_t i = rows; i < rows + 3; ++i) ASSERT_EQ(wide(i, j), 7.0) << "written beyond y";
+    }
+    expect_product(m, s, transposed, alpha, x, beta, before, after);
+}
+
+TEST(CrsMultiply, AgreesWithElementwiseSumsOnRandomMatrices) {
+    for (unsigned seed = 1; seed <= 240; ++seed) {
+        check_random_case<std::int32_t>(seed);
+        if (::testing::Test::HasFatalFailure()) return;
+    }
+}
+
+TEST(CrsMultiply, AgreesWithElementwiseSumsWithWideIndices) {
+    for (unsigned seed = 1001; seed <= 1060; ++seed) {
+        check_random_case<std::int64_t>(seed);
+        if (::testing::Test::HasFatalFailure()) return;
+    }
+}
+
+TEST(CrsMultiply, TakesAMatrixDoneByHand) {
+    // 2 1 .      symmetric: 2 1 .
+    // . . 3                 1 . 3
+    // . . 4                 . 3 4
+    const rows_of_elements<std::int32_t> m{
+        .dim1 = 3, .dim2 = 3, .ia = {1, 3, 4, 5}, .ja = {1, 2, 3, 3}, .a = {2.0, 1.0, 3.0, 4.0}};
+    matrix<double> x(3, 1), y(3, 1);
+    x(0, 0) = 1.0, x(1, 0) = 10.0, x(2, 0) = 100.0;
+    const auto product = [&](storage s, bool transposed) {
+        crs_multiply(m.view(), s, transposed, 1.0, x.view(), 0.0, y.view());
+        return std::vector<double>(y.values().begin(), y.values().end());
+    };
+
+    EXPECT_EQ(product(storage::upper_triangular, false), (std::vector{12.0, 300.0, 400.0}));
+    EXPECT_EQ(product(storage::upper_triangular, true), (std::vector{2.0, 1.0, 430.0}));
+    EXPECT_EQ(product(storage::symmetric_upper, false), (std::vector{12.0, 301.0, 430.0}));
+    EXPECT_EQ(product(storage::symmetric_upper, true), (std::vector{12.0, 301.0, 430.0}));
+}
+
+TEST(CrsMultiply, LeavesEmptyShapesAlone) {
+    const rows_of_elements<std::int32_t> none{.dim1 = 0, .dim2 = 0};
+    matrix<double> empty(0, 2), rows_only(3, 0);
+    crs_multiply(none.view(), storage::symmetric_upper, false, 1.0, empty.view(), 0.0, empty.view());
+    const rows_of_elements<std::int32_t> zero{.dim1 = 3, .dim2 = 3, .ia = {1, 1, 1, 1}};
+    crs_multiply(zero.view(), storage::symmetric_upper, false, 1.0, rows_only.view(), 0.0, rows_only.view());
+
+    matrix<double> y(3, 1, not_a_number);
+    const matrix<double> x(3, 1, 1.0);
+    crs_multiply(zero.view(), storage::symmetric_upper, false, 1.0, x.view(), 0.0, y.view());
+    EXPECT_EQ(y, (matrix<double>(3, 1)));
+}
+
+/// One matrix of every pattern for all numbers of threads.
+class CrsMultiplyThreads : public ::testing::TestWithParam<int> {};
+
+TEST_P(CrsMultiplyThreads, RepeatsAndAgreesWithOneThread) {
+    for (const pattern where : {pattern::anywhere, pattern::near_diagonal, pattern::mixed})
+        for (const std::int64_t columns : {1, 3, 10})
+            for (const storage s : {storage::general, storage::upper_triangular, storage::symmetric_upper})
+                for (const bool transposed : {false, true}) {
+                    std::mt19937 generator(17);
+                    const auto m = random_rows<std::int32_t>(6000, 6000, s != storage::general, where, 4,
+                                                             generator);
+                    const matrix<double> x = random_matrix(6000, columns, generator);
+                    const auto product = [&](int n) {
+                        const threads used(n);
+                        matrix<double> y(6000, columns, 0.5);
+                        crs_multiply(m.view(), s, transposed, 1.0, x.view(), 2.0, y.view());
+                        return y;
+                    };
+
+                    const matrix<double> serial = product(1), y = product(GetParam());
+
+                    EXPECT_TRUE(y == product(GetParam()));
+                    double largest = 0.0;
+                    for (std::size_t k = 0; k < y.values().size(); ++k)
+                        largest = std::max(largest, std::abs(y.values()[k] - serial.values()[k]));
+                    EXPECT_LT(largest, 1e-12);
+                }
+}
+INSTANTIATE_TEST_SUITE_P(OneToEight, CrsMultiplyThreads, ::testing::Range(1, 9));
+
+}  // namespace
+}  // namespace zendar
