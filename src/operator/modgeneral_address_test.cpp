@@ -405,7 +405,7 @@ TEST(SetaddressxAlter, GivesTheSameFromManyThreads) {
         serial[i] = digest(out);
     }
 
-#pragma omp parallel num_threads(4) default(none) shared(model, levels, cov, log, threaded, digest)
+#pragma omp parallel num_threads(4) default(none) shared(model, levels, cov, log, threaded, digest, nrec)
     {
         record_address own(model.param);
 #pragma omp for
