@@ -11,14 +11,20 @@
 namespace {
 thread_local std::int64_t allocations = 0;
 
-void* counted(std::size_t bytes) {
+[[maybe_unused]] void* counted(std::size_t bytes) {
     ++allocations;
     if (void* memory = std::malloc(bytes == 0 ? 1 : bytes)) return memory;
     throw std::bad_alloc();
 }
 }  // namespace
 
-// Every allocation of this test program is counted.
+// Every allocation of this test program is counted. Sanitizers of clang link operators of their own instead.
+#if defined(__clang__) && defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#define ZENDAR_OPERATORS_TAKEN
+#endif
+#endif
+#ifndef ZENDAR_OPERATORS_TAKEN
 void* operator new(std::size_t bytes) {
     return counted(bytes);
 }
@@ -37,6 +43,7 @@ void operator delete(void* memory, std::size_t) noexcept {
 void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
+#endif
 
 namespace zendar {
 namespace {
@@ -375,6 +382,9 @@ TEST(SetaddressxAlter, AllocatesNothing) {
     captured_log log;
     record_address out(model.param);
 
+#ifdef ZENDAR_OPERATORS_TAKEN
+    GTEST_SKIP() << "allocations cannot be counted in this build";
+#endif
     const std::int64_t before = allocations;
     for (std::int64_t i = 1; i <= 100; ++i) setaddressx_alter(model.param, levels.view(), cov, i, out, log);
     const std::int64_t counted_in_calls = allocations - before;
