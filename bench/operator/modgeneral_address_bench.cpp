@@ -1,6 +1,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <numeric>
 #include <random>
 
 #include "modgeneral.hpp"
@@ -54,8 +55,9 @@ struct addressed_model {
         }
         cov.resize(n);
         if (ncov > 0) {
-            cov.back().value = matrix<double>(ncov, nlevel, 1.5);
-            for (std::int32_t lev = 1; lev <= nlevel; ++lev) cov.back().indice.push_back(lev);
+            std::vector<std::int32_t> indice(static_cast<std::size_t>(nlevel));
+            std::iota(indice.begin(), indice.end(), 1);
+            cov.back() = covariable_type(std::move(indice), matrix<double>(ncov, nlevel, 1.5));
         }
     }
 };

@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "bench_floor.hpp"
+#include "modblas.hpp"
 #include "modspainv.hpp"
 #include "modspainv_test_support.hpp"
 #include "modsparse_inv.hpp"
@@ -108,6 +110,21 @@ void describe(benchmark::State& state, const problem& q) {
     state.counters["stored"] = static_cast<double>(q.s.xlnz[q.s.nsuper()]);
     state.counters["supernodes"] = q.s.nsuper();
     state.counters["flops/s"] = benchmark::Counter(q.flops, benchmark::Counter::kIsIterationInvariantRate);
+}
+
+/// What the machine gives in the same run: a dense product and reading a long array.
+void machine(benchmark::State& state) {
+    constexpr std::int64_t order = 1200;
+    omp_set_num_threads(static_cast<int>(state.range(0)));
+    const matrix<double> a(order, order, 1.0), b(order, order, 0.5);
+    matrix<double> c(order, order);
+    for (auto _ : state) {
+        blas_dgemm(false, false, 1.0, a.view(), b.view(), 0.0, c.view());
+        benchmark::DoNotOptimize(c.data());
+    }
+    state.counters["flops/s"] =
+        benchmark::Counter(2.0 * order * order * order, benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["read_bytes/s"] = bench::read_bandwidth();
 }
 
 void symbolic(benchmark::State& state) {
@@ -254,6 +271,7 @@ void cholmod_supernodal(benchmark::State& state) {
 BENCHMARK(cholmod_supernodal)->ArgsProduct({{0, 1}, {1, 2}})->UseRealTime()->Unit(benchmark::kMillisecond);
 #endif
 
+BENCHMARK(machine)->ArgsProduct({{1, 2}})->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(cholesky)->ArgsProduct({{0, 1}, {1, 2}})->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(cholesky_with_drops)->ArgsProduct({{0, 1}, {1, 2}})->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(inverse)->ArgsProduct({{0, 1}, {1, 2}})->UseRealTime()->Unit(benchmark::kMillisecond);

@@ -1,6 +1,7 @@
 #include "modstructure.hpp"
 
 #include <type_traits>
+#include <utility>
 
 namespace zendar {
 
@@ -8,5 +9,18 @@ namespace zendar {
 // arrays.
 static_assert(std::is_nothrow_move_constructible_v<phenotype_data>);
 static_assert(std::is_nothrow_move_constructible_v<covariable_type>);
+
+std::int64_t covariable_data::bytes() const {
+    return std::ssize(indice) * static_cast<std::int64_t>(sizeof(std::int32_t)) +
+           value.rows() * value.cols() * static_cast<std::int64_t>(sizeof(double)) +
+           (is_sparse() ? static_cast<std::int64_t>(sparse.getmem()) : 0);
+}
+
+covariable_type::covariable_type(std::vector<std::int32_t> indice, matrix<double> value) {
+    covariable_data read;
+    read.indice = std::move(indice);
+    read.value = std::move(value);
+    data = std::make_shared<const covariable_data>(std::move(read));
+}
 
 }  // namespace zendar

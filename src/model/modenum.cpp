@@ -60,16 +60,16 @@ constexpr std::array random_type_table{
 };
 
 constexpr std::array solver_table{
-    solver_entry{solver_pardiso, "pardiso", "Chosen solver: IN-CORE + DIRECT + PARDISO", false},
-    solver_entry{solver_fpcg_inmem, "fpcg_inmem", "Chosen solver: IN-CORE + FPCG + BLOCK-JACOBI", false},
-    solver_entry{solver_pcg_inmem, "pcg_inmem", "Chosen solver: IN-CORE + PCG", false},
-    solver_entry{solver_pcg_inmem_block, "pcg_inmem_block", "Chosen solver: IN-CORE + PCG + BLOCK-JACOBI",
+    solver_entry{code_pardiso, "pardiso", "Chosen solver: IN-CORE + DIRECT + PARDISO", false},
+    solver_entry{code_fpcg_inmem, "fpcg_inmem", "Chosen solver: IN-CORE + FPCG + BLOCK-JACOBI", false},
+    solver_entry{code_pcg_inmem, "pcg_inmem", "Chosen solver: IN-CORE + PCG", false},
+    solver_entry{code_pcg_inmem_block, "pcg_inmem_block", "Chosen solver: IN-CORE + PCG + BLOCK-JACOBI",
                  false},
-    solver_entry{solver_dpcg_inmem, "dpcg_inmem", "Chosen solver: IN-CORE + DPCG", false},
-    solver_entry{solver_pcg_iod, "pcg_iod", "Chosen solver: IOD + PCG", true},
-    solver_entry{solver_dpcg_iod, "dpcg_iod", "Chosen solver: IOD + DPCG", true},
-    solver_entry{solver_dpcg_iod_real, "dpcg_iod_real", "Chosen solver: IOD + DPCG + real", true},
-    solver_entry{solver_cheb_iod, "cheb_iod", "Chosen solver: IOD + CHEBYSHEV", true},
+    solver_entry{code_dpcg_inmem, "dpcg_inmem", "Chosen solver: IN-CORE + DPCG", false},
+    solver_entry{code_pcg_iod, "pcg_iod", "Chosen solver: IOD + PCG", true},
+    solver_entry{code_dpcg_iod, "dpcg_iod", "Chosen solver: IOD + DPCG", true},
+    solver_entry{code_dpcg_iod_real, "dpcg_iod_real", "Chosen solver: IOD + DPCG + real", true},
+    solver_entry{code_cheb_iod, "cheb_iod", "Chosen solver: IOD + CHEBYSHEV", true},
 };
 
 template <class Table>

@@ -50,15 +50,15 @@ constexpr bool is_huge_effect(std::int32_t type_effect) {
 }
 
 // Solver codes
-inline constexpr std::int32_t solver_pardiso = 0;
-inline constexpr std::int32_t solver_fpcg_inmem = 19;
-inline constexpr std::int32_t solver_pcg_inmem = 20;
-inline constexpr std::int32_t solver_pcg_inmem_block = 21;
-inline constexpr std::int32_t solver_dpcg_inmem = 25;
-inline constexpr std::int32_t solver_pcg_iod = 120;
-inline constexpr std::int32_t solver_dpcg_iod = 125;
-inline constexpr std::int32_t solver_dpcg_iod_real = 126;
-inline constexpr std::int32_t solver_cheb_iod = 150;
+inline constexpr std::int32_t code_pardiso = 0;
+inline constexpr std::int32_t code_fpcg_inmem = 19;
+inline constexpr std::int32_t code_pcg_inmem = 20;
+inline constexpr std::int32_t code_pcg_inmem_block = 21;
+inline constexpr std::int32_t code_dpcg_inmem = 25;
+inline constexpr std::int32_t code_pcg_iod = 120;
+inline constexpr std::int32_t code_dpcg_iod = 125;
+inline constexpr std::int32_t code_dpcg_iod_real = 126;
+inline constexpr std::int32_t code_cheb_iod = 150;
 
 /// One row per solver code: the name of `!solver` and the log line of the dispatch.
 struct solver_entry {

@@ -193,6 +193,10 @@ void write_parameter_file_options(const param_type& param, file_writer& out);
 /// The manual of the model's options, through the logger.
 void man_param(bool markdown, logger& log);
 
+/// What stands before the name of a file of the output directory: empty for the working directory, else with a
+/// slash at its end.
+[[nodiscard]] std::string output_directory(const param_type& param);
+
 // ---- finalisation (modparameters_finalize.cpp) -------------------------------------------------------------
 
 /// Turns the record that the readers left into the final model and counts the equations.

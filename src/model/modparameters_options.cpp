@@ -79,6 +79,12 @@ void modparameters::read_parameter_file_options(param_type& param, const std::st
     log.message("");
 }
 
+std::string output_directory(const param_type& param) {
+    const std::string& directory = param.outputdir;
+    if (directory.empty() || directory == "." || directory == "./") return {};
+    return directory.ends_with('/') ? directory : directory + "/";
+}
+
 void write_parameter_file_options(const param_type& param, file_writer& out) {
     for (const std::string& line : written_options<param_type>(detail::model_options(), param))
         out.write(line + "\n");

@@ -1,7 +1,12 @@
 #pragma once
 
+#include <cstdint>
+#include <string>
+#include <vector>
+
 #include "modlogger.hpp"
 #include "modparameters.hpp"
+#include "modsparse_crs.hpp"
 #include "modstructure.hpp"
 
 namespace zendar {
@@ -20,5 +25,20 @@ namespace zendar {
 /// Two passes over the file in blocks of at most 1 MiB per thread; no other memory than the arrays.
 /// @throws fatal_error  with the first bad line (the same one for any number of threads).
 void readdata_phen_ascii(param_type& param, phenotype_data& data, logger& log);
+
+/// Reads the coefficient file of each covariable effect (TYPE_EFFECT 1 to 3) and logs the memory they need. `cov`
+/// gets one element per effect, and none when the model has no covariable effect.
+/// @throws fatal_error  for an effect without a file, and as `readcovariable`.
+void readdata_cov_ascii(const param_type& param, std::vector<covariable_type>& cov, logger& log);
+
+/// Reads a symmetric matrix of order n from lines "i j value" in any order: either triangle, or both.
+///
+/// (i,j) and (j,i) name one element: given in both triangles it counts once, and the values must be equal (to
+/// 1e-12 relative); repeated within one triangle they add up. A line holds three values and nothing else.
+/// @returns the upper triangle, sorted, symmetric, with a stored diagonal in every row.
+/// @throws fatal_error  with the file and its first bad line.
+///
+/// Two passes by all threads; 16 bytes an element beside the result.
+[[nodiscard]] crssparse readcootoija(const std::string& file, std::int32_t n, logger& log);
 
 }  // namespace zendar

@@ -1,14 +1,16 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <string>
 #include <system_error>
 
 #include "modbasic.hpp"
-#include "modparameters_utils_detail.hpp"
+#include "modparameters_utils_lines.hpp"
 
 namespace zendar::detail {
 
@@ -208,6 +210,69 @@ std::optional<file_error> block_file::first_line_text(std::vector<char>& buffer,
     line = line.substr(0, line.find('\n'));
     if (line.ends_with('\r')) line.remove_suffix(1);
     return std::nullopt;
+}
+
+namespace {
+
+/// The lines of one block up to its first bad one, whose fault is returned; the good ones are added to
+/// `read`.
+record_fault read_lines_of(const block_file& file, std::int64_t block, std::int64_t last,
+                           std::vector<char>& buffer, const line_parser& parse, std::int64_t& read) noexcept {
+    record_fault fault;
+    line_block lines;
+    std::int64_t line = file.first_line(block);
+    try {
+        if (file.load(block, buffer, lines, fault)) {
+            line = lines.line;
+            const char* p = lines.text.data();
+            const char* const owned_end = p + lines.owned;
+            const char* const end = p + lines.text.size();
+            for (; p < owned_end && line <= last; ++line) {
+                const char* stop = parse(p, line, fault);
+                if (lines.cut && stop == end - 1) fault.set(record_fault_kind::long_line, 0);
+                if (fault.kind != record_fault_kind::none) break;
+                if (*stop != '\n')
+                    stop = static_cast<const char*>(
+                        std::memchr(stop, '\n', static_cast<std::size_t>(end - stop)));
+                p = stop + 1;
+            }
+            read += line - lines.line;
+        }
+    } catch (const std::bad_alloc&) {  // a number of very many digits
+        fault.set(record_fault_kind::no_memory, 0);
+    }
+    fault.line = line;
+    return fault;
+}
+
+}  // namespace
+
+record_fault read_lines(const block_file& file, std::int64_t last, const line_parser& parse) {
+    const std::int64_t blocks = file.blocks_of(last);
+    record_fault first;
+    std::atomic<std::int64_t> bad_line = std::numeric_limits<std::int64_t>::max();
+    std::int64_t read = 0;
+#pragma omp parallel if (blocks > 1) default(none) shared(file, last, parse, blocks, first, bad_line) \
+    reduction(+ : read)
+    {
+        std::vector<char> buffer;
+#pragma omp for schedule(dynamic, 1)
+        for (std::int64_t block = 0; block < blocks; ++block) {
+            if (file.first_line(block) > bad_line.load(std::memory_order_relaxed)) continue;
+            const record_fault fault = read_lines_of(file, block, last, buffer, parse, read);
+            if (fault.kind == record_fault_kind::none) continue;
+#pragma omp critical(zendar_read_lines)
+            if (fault.line < bad_line.load()) {
+                bad_line = fault.line;
+                first = fault;
+            }
+        }
+    }
+    if (first.kind == record_fault_kind::none && read != last) {
+        first.set(record_fault_kind::file_changed, 0);
+        first.line = read + 1;
+    }
+    return first;
 }
 
 }  // namespace zendar::detail

@@ -3,8 +3,10 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <system_error>
 
-#include "modparameters_utils_detail.hpp"
+#include "modbasic.hpp"
+#include "modparameters_utils_lines.hpp"
 
 namespace zendar::detail {
 
@@ -194,6 +196,50 @@ void record_fault::set(record_fault_kind why, std::int64_t which, std::string_vi
     for (std::size_t k = 0; k < size; ++k) word[k] = text[k] > ' ' && text[k] <= '~' ? text[k] : '?';
 }
 
+std::string describe(const record_fault& fault, std::int64_t columns) {
+    const std::string value = "value " + inttochar(fault.value);
+    const std::string word = " \"" + std::string(fault.word.data()) + "\"";
+    switch (fault.kind) {
+        case record_fault_kind::none:
+            break;
+        case record_fault_kind::blank_line:
+            return "the line is blank, expected are " + inttochar(columns) + " values";
+        case record_fault_kind::short_line:
+            return "the line has " + inttochar(fault.value) + " values, expected are " + inttochar(columns);
+        case record_fault_kind::long_line:
+            return "the line is too long, expected are " + inttochar(columns) + " values";
+        case record_fault_kind::null_value:
+            return value + " is missing, expected is a number" +
+                   (fault.word[0] == '\0' ? "" : " instead of" + word);
+        case record_fault_kind::not_a_number:
+            return value + " is not a number:" + word;
+        case record_fault_kind::not_finite:
+            return value + " is not a finite number:" + word;
+        case record_fault_kind::no_level:
+            return value + " is a level, which must be an integer of 32 bits:" + word;
+        case record_fault_kind::no_class:
+            return value + " is not a residual class of the model:" + word;
+        case record_fault_kind::more_values:
+            return "the line has more than " + inttochar(columns) + " values";
+        case record_fault_kind::not_an_integer:
+            return value + " is not an integer:" + word;
+        case record_fault_kind::out_of_range:
+            return value + " must lie between 1 and " + inttochar(fault.limit) + ":" + word;
+        case record_fault_kind::read_error:
+            return std::generic_category().message(fault.code);
+        case record_fault_kind::file_changed:
+            return "the file has changed while it was read";
+        case record_fault_kind::no_memory:
+            return "there is not enough memory for the line";
+    }
+    return {};
+}
+
+int status_of(const record_fault& fault) {
+    if (fault.kind == record_fault_kind::read_error) return fault.code;
+    return fault.kind == record_fault_kind::file_changed ? -1 : 1;
+}
+
 bool parse_real(std::string_view word, double& value) {
     std::string_view text = word;
     const bool negative = text.starts_with('-');
@@ -236,6 +282,34 @@ const char* parse_record(const char* p, std::span<double> row, record_fault& fau
     return p;
 }
 
+const char* parse_integer(const char* p, std::int64_t which, std::int64_t& value, record_fault& fault) {
+    const char* const start = p = skip_blanks(p);
+    if (at_line_end(p)) {
+        fault.set(which == 1 ? record_fault_kind::blank_line : record_fault_kind::short_line, which - 1);
+        return p;
+    }
+    const bool negative = *p == '-';
+    if (negative || *p == '+') ++p;
+    std::uint64_t m = 0;
+    const char* const digits = p;
+    p = read_digits(p, m);
+    if (p == digits || p - digits > most_digits || !ends_word(p)) {
+        line_item item;
+        p = read_item(start, item);
+        fault.set(item.text.empty() ? record_fault_kind::null_value : record_fault_kind::not_an_integer,
+                  which, item.text);
+        return p;
+    }
+    value = negative ? -static_cast<std::int64_t>(m) : static_cast<std::int64_t>(m);
+    return skip_separator(p);
+}
+
+const char* parse_line_end(const char* p, record_fault& fault) {
+    p = skip_blanks(p);
+    if (!at_line_end(p)) fault.set(record_fault_kind::more_values, 0);
+    return p;
+}
+
 std::string_view record_word(const char* p, std::int64_t value) {
     line_item item;
     for (p = skip_blanks(p); !at_line_end(p); p = skip_blanks(p)) {
@@ -252,6 +326,16 @@ std::int64_t count_items(std::string_view line) {
     std::int64_t count = 0;
     for (line_item item; p < end && !at_line_end(p); ++count)
         p = skip_blanks(skip_separator(read_item(p, item)));
+    return count;
+}
+
+std::int64_t count_values(const char* p, const char* end) {
+    std::int64_t count = 0;
+    line_item item;
+    for (p = skip_blanks(p); p < end && !at_line_end(p); p = skip_blanks(skip_separator(p))) {
+        p = read_item(p, item);
+        count += std::max<std::int64_t>(item.repeat, 1);
+    }
     return count;
 }
 

@@ -8,7 +8,6 @@
 #include <new>
 #include <span>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "modbasic.hpp"
@@ -292,44 +291,6 @@ void read_blocks(const block_file& file, std::int64_t first, std::int64_t last, 
             read_block(file, block, sink, workers[omp_get_thread_num()]);
 }
 
-std::string describe(const record_fault& fault, std::int64_t columns) {
-    const std::string value = "value " + inttochar(fault.value);
-    const std::string word = " \"" + std::string(fault.word.data()) + "\"";
-    switch (fault.kind) {
-        case record_fault_kind::none:
-            break;
-        case record_fault_kind::blank_line:
-            return "the line is blank, expected are " + inttochar(columns) + " values";
-        case record_fault_kind::short_line:
-            return "the line has " + inttochar(fault.value) + " values, expected are " + inttochar(columns);
-        case record_fault_kind::long_line:
-            return "the line is too long, expected are " + inttochar(columns) + " values";
-        case record_fault_kind::null_value:
-            return value + " is missing, expected is a number" +
-                   (fault.word[0] == '\0' ? "" : " instead of" + word);
-        case record_fault_kind::not_a_number:
-            return value + " is not a number:" + word;
-        case record_fault_kind::not_finite:
-            return value + " is not a finite number:" + word;
-        case record_fault_kind::no_level:
-            return value + " is a level, which must be an integer of 32 bits:" + word;
-        case record_fault_kind::no_class:
-            return value + " is not a residual class of the model:" + word;
-        case record_fault_kind::read_error:
-            return std::generic_category().message(fault.code);
-        case record_fault_kind::file_changed:
-            return "the file has become shorter while it was read";
-        case record_fault_kind::no_memory:
-            return "there is not enough memory for the line";
-    }
-    return {};
-}
-
-int status_of(record_fault_kind kind, int code) {
-    if (kind == record_fault_kind::read_error) return code;
-    return kind == record_fault_kind::file_changed ? -1 : bad_value;
-}
-
 [[noreturn]] void stop_at_line(std::int64_t line, int iostat, const std::string& file, const std::string& why,
                                logger& log) {
     fatal_io(log, "Phenotype (record) not correctly read at line " + inttochar(line), module_tag,
@@ -364,8 +325,7 @@ void read_records(const block_file& file, const record_columns& columns, std::in
     }
     if (worst != nullptr) {
         const record_fault& fault = worst->fault;
-        stop_at_line(fault.line, status_of(fault.kind, fault.code), name, describe(fault, columns.count),
-                     log);
+        stop_at_line(fault.line, detail::status_of(fault), name, detail::describe(fault, columns.count), log);
     }
     if (stored != nrec)
         stop_at_line(stored + 1, bad_value, name, "the file has changed while it was read", log);

@@ -43,11 +43,11 @@ struct solver_words {
 void setup_cheb_iod(solver_type& solver, const solver_words& words) {
     if (words.arguments.size() < 2) {
         words.log.warning("The small and large eigenvalues are missing! The PCG will be used instead.");
-        solver.solver = solver_pcg_inmem;  // in core, unlike the other fall-back of a solver on data
+        solver.solver = code_pcg_inmem;  // in core, unlike the other fall-back of a solver on data
         return;
     }
     const double large = words.real(0), small = words.real(1);
-    solver.solver = solver_cheb_iod;
+    solver.solver = code_cheb_iod;
     solver.eigmax = large;
     solver.eigmin = small;
     words.log.message(" Large | Small eigenvalues: " + realtochar(large, "(e16.8)") + " " +
@@ -69,7 +69,7 @@ void setup_dpcg(solver_type& solver, std::int32_t code, std::int32_t fall_back, 
 void setup_dpcg_iod_real(solver_type& solver, const solver_words& words) {
     if (words.arguments.empty())
         words.fail("A file for the deflation matrix must be provided with the option dpcg_iod_real.");
-    solver.solver = solver_dpcg_iod_real;
+    solver.solver = code_dpcg_iod_real;
     solver.deflationmat = trim(words.arguments[0]);
 }
 
@@ -85,13 +85,13 @@ void setup_solver(solver_type& solver, std::string_view name, std::span<const st
     for (const solver_entry& entry : solvers()) {
         if (entry.name != words.name) continue;
         switch (entry.code) {
-            case solver_cheb_iod:
+            case code_cheb_iod:
                 return setup_cheb_iod(solver, words);
-            case solver_dpcg_inmem:
-                return setup_dpcg(solver, entry.code, solver_pcg_inmem, words);
-            case solver_dpcg_iod:
-                return setup_dpcg(solver, entry.code, solver_pcg_iod, words);
-            case solver_dpcg_iod_real:
+            case code_dpcg_inmem:
+                return setup_dpcg(solver, entry.code, code_pcg_inmem, words);
+            case code_dpcg_iod:
+                return setup_dpcg(solver, entry.code, code_pcg_iod, words);
+            case code_dpcg_iod_real:
                 return setup_dpcg_iod_real(solver, words);
             default:
                 solver.solver = entry.code;
@@ -99,7 +99,7 @@ void setup_solver(solver_type& solver, std::string_view name, std::span<const st
         }
     }
     log.warning("The requested solver (" + std::string(words.name) + ") is not available!");
-    solver.solver = solver_pcg_iod;
+    solver.solver = code_pcg_iod;
 }
 
 }  // namespace zendar

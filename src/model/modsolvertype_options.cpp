@@ -13,8 +13,8 @@ constexpr double threshold_of_bounds = 0.5;
 /// Puts back what the chosen solver and criterion do not read, so that the record depends on the last choice
 /// only, and not on lines that it overrides.
 void drop_unused_values(solver_type& solver) {
-    const bool chebyshev = solver.solver == solver_cheb_iod;
-    const bool deflated = solver.solver == solver_dpcg_inmem || solver.solver == solver_dpcg_iod;
+    const bool chebyshev = solver.solver == code_cheb_iod;
+    const bool deflated = solver.solver == code_dpcg_inmem || solver.solver == code_dpcg_iod;
     const solver_type defaults;
     if (!deflated) solver.neqblock.reset();
     if (!chebyshev) solver.eigmax = defaults.eigmax;

@@ -203,8 +203,8 @@ std::vector<std::string> written_solver(const solver_type& solver) {
     if (entry == nullptr || solver.solver == solver_type{}.solver) return {};
     std::string line = option_text("solver", {std::string(entry->name)});
     if (solver.neqblock) line += " " + inttochar((*solver.neqblock)[0]);
-    if (solver.solver == solver_dpcg_iod_real) line += " " + solver.deflationmat;
-    if (solver.solver == solver_cheb_iod)
+    if (solver.solver == code_dpcg_iod_real) line += " " + solver.deflationmat;
+    if (solver.solver == code_cheb_iod)
         line += " " + option_number(solver.eigmax) + " " + option_number(solver.eigmin);
     return {line};
 }
@@ -215,15 +215,15 @@ struct solver_description {
     std::string_view arguments, text;
 };
 constexpr solver_description solver_descriptions[] = {
-    {solver_pardiso, "", "direct sparse solve of the in-memory left-hand side"},
-    {solver_fpcg_inmem, "", "in-core flexible PCG, block Jacobi"},
-    {solver_pcg_inmem, "", "in-core PCG"},
-    {solver_pcg_inmem_block, "", "in-core PCG, block Jacobi"},
-    {solver_dpcg_inmem, " (equations per block)", "in-core deflated PCG"},
-    {solver_pcg_iod, "", "PCG on data (default)"},
-    {solver_dpcg_iod, " (equations per block)", "deflated PCG on data, compressed subdomains"},
-    {solver_dpcg_iod_real, " (file of the deflation matrix)", "deflated PCG on data, real deflation vectors"},
-    {solver_cheb_iod, " (large and small eigenvalue)", "Chebyshev iteration on data"},
+    {code_pardiso, "", "direct sparse solve of the in-memory left-hand side"},
+    {code_fpcg_inmem, "", "in-core flexible PCG, block Jacobi"},
+    {code_pcg_inmem, "", "in-core PCG"},
+    {code_pcg_inmem_block, "", "in-core PCG, block Jacobi"},
+    {code_dpcg_inmem, " (equations per block)", "in-core deflated PCG"},
+    {code_pcg_iod, "", "PCG on data (default)"},
+    {code_dpcg_iod, " (equations per block)", "deflated PCG on data, compressed subdomains"},
+    {code_dpcg_iod_real, " (file of the deflation matrix)", "deflated PCG on data, real deflation vectors"},
+    {code_cheb_iod, " (large and small eigenvalue)", "Chebyshev iteration on data"},
 };
 
 std::string solver_help() {

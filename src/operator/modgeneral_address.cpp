@@ -129,15 +129,28 @@ void check_shared_equations(const param_type& param, logger& log) {
                   "modgeneral", "check_levels");
 }
 
+/// The same for a row of the sparse store; the other coefficients are zero already.
+void set_sparse_coefficients(crs_view<std::int32_t> rows, std::int32_t row, std::int32_t ntrait,
+                             const std::int32_t* present, double* x) {
+    for (std::int32_t k = rows.ia[row - 1] - 1; k < rows.ia[row] - 1; ++k)
+        for (std::int32_t t = 0; t < ntrait; ++t)
+            if (present[t] > 0) x[std::int64_t{rows.ja[k] - 1} * ntrait + t] = rows.a[k];
+}
+
 /// Coefficients of a level for the traits of the effect. A level without a line in the coefficient file has
 /// none.
 void set_coefficients(const param_type& param, const covariable_type& cov, std::int32_t lev, std::int32_t ie,
                       double* x) {
-    const std::int64_t row = cov.row_of(lev);
-    if (row < 1 || row > cov.value.cols()) return;
-    assert(cov.value.rows() == param.nx[ie + 1]);
-    const double* value = cov.value.data() + (row - 1) * cov.value.rows();
+    const std::int32_t row = cov.row_of(lev);
     const std::int32_t* present = param.pos_effects.data() + std::int64_t{ie} * param.ntrait;
+    if (cov.is_sparse()) {
+        if (row > 0) set_sparse_coefficients(cov.data->sparse.view(), row, param.ntrait, present, x);
+        return;
+    }
+    const auto values = cov.values();
+    if (row < 1 || row > values.cols) return;
+    assert(values.rows == param.nx[ie + 1]);
+    const double* value = values.data + (row - std::int64_t{1}) * values.ld;
     for (std::int32_t j = 0; j < param.nx[ie + 1]; ++j, x += param.ntrait)
         for (std::int32_t t = 0; t < param.ntrait; ++t)
             if (present[t] > 0) x[t] = value[j];

@@ -71,11 +71,9 @@ matrix<std::int32_t> records(const std::vector<std::vector<std::int32_t>>& rows)
 
 covariable_type covariable(std::vector<std::int32_t> indice, std::int64_t ncov,
                            const std::vector<double>& values) {
-    covariable_type cov;
-    cov.indice = std::move(indice);
-    cov.value = matrix<double>(ncov, std::ssize(values) / ncov);
-    std::ranges::copy(values, cov.value.values().begin());
-    return cov;
+    matrix<double> value(ncov, std::ssize(values) / ncov);
+    std::ranges::copy(values, value.values().begin());
+    return {std::move(indice), std::move(value)};
 }
 
 record_address addressed(const param_type& param, const std::vector<std::int32_t>& record,
@@ -188,6 +186,15 @@ TEST(SetaddressxAlter, GivesAHugeEffectInMemoryItsCoefficients) {
     EXPECT_THAT(out.address, ElementsAre(0, 2));
     EXPECT_THAT(values_of(out.x), ElementsAre(1, 1, 2, 2, 1, 1, 0, 0));
     EXPECT_THAT(out.hugeactive, ElementsAre(0, 1));
+
+    covariable_data data;  // the same in the sparse store
+    data.indice = {1, 2};
+    data.sparse = crssparse(2, 4, 3);
+    data.sparse.external(std::vector<std::int32_t>{1, 3, 5}, std::vector<std::int32_t>{2, 3, 1, 2},
+                         std::vector<double>{1, 2, 2, 1});
+    cov[1].data = std::make_shared<const covariable_data>(std::move(data));
+    EXPECT_EQ(values_of(addressed(model.param, {1, 2}, cov).x), values_of(out.x));
+    EXPECT_THAT(values_of(addressed(model.param, {1, 1}, cov).x), ElementsAre(1, 1, 0, 0, 1, 1, 2, 2));
 }
 
 TEST(SetaddressxAlter, MarksAHugeEffectOnDataWithOneCoefficient) {
@@ -322,11 +329,12 @@ std::vector<covariable_type> random_covariables(const param_type& param, std::ui
     std::vector<covariable_type> cov(static_cast<std::size_t>(param.neffect));
     for (std::int32_t e = 1; e <= param.neffect; ++e) {
         if (param.type_effect[e - 1] == 0) continue;
-        covariable_type& c = cov[e - 1];
-        c.value = matrix<double>(param.nx[e], param.n_level[e - 1]);
-        for (double& value : c.value.values()) value = static_cast<double>(generator() % 1000) + 1.0;
+        matrix<double> values(param.nx[e], param.n_level[e - 1]);
+        for (double& value : values.values()) value = static_cast<double>(generator() % 1000) + 1.0;
+        std::vector<std::int32_t> indice;
         for (std::int32_t lev = 1; lev <= param.n_level[e - 1]; ++lev)
-            c.indice.push_back(generator() % 5 == 0 ? 0 : param.n_level[e - 1] + 1 - lev);
+            indice.push_back(generator() % 5 == 0 ? 0 : param.n_level[e - 1] + 1 - lev);
+        cov[e - 1] = covariable_type(std::move(indice), std::move(values));
     }
     return cov;
 }
@@ -361,8 +369,8 @@ TEST(SetaddressxAlter, GivesTheEquationsAndCoefficientsOfRandomModels) {
                         if (in_record && param.pos_effects(t - 1, e - 1) > 0) {
                             const covariable_type& c = cov[e - 1];
                             if (type == 0 || (type == 3 && j == 1)) expected = 1.0;
-                            if ((type == 1 || type == 2) && c.indice[lev - 1] > 0)
-                                expected = c.value(j - 1, c.indice[lev - 1] - 1);
+                            if ((type == 1 || type == 2) && c.rows()[lev - 1] > 0)
+                                expected = c.values()(j - 1, c.rows()[lev - 1] - 1);
                         }
                         ASSERT_EQ(out.x(t - 1, param.pos[e] + j - 2), expected);
                     }

@@ -47,7 +47,7 @@ void check_pair(const param_type& param, std::span<const covariable_type> cov, s
               "This type of effect " + inttochar(param.type_random_eff[from - 1]) +
                   " is not implemented with compressed covariables",
               "modgeneral", aggregate_procedure);
-    if (c.value.rows() != param.nx[from])
+    if (c.values().rows != param.nx[from])
         does_not_fit(log, "effect " + inttochar(from) + " has no covariates");
 }
 
@@ -62,9 +62,8 @@ void add_covariates(const param_type& param, std::span<const double> solutions, 
         for (std::int64_t k = 0; k < nx; ++k)
             effects(k, t) = solutions[param.sumequation[from] + k * ntrait +
                                       slot_of(param, static_cast<std::int32_t>(t + 1), from) - 1];
-    matrix<double> sums(cov.value.cols(), ntrait);
-    if (nx > 0 && !sums.empty())
-        blas_dgemm(true, false, 1.0, cov.value.view(), effects.view(), 0.0, sums.view());
+    matrix<double> sums(cov.values().cols, ntrait);
+    if (nx > 0 && !sums.empty()) blas_dgemm(true, false, 1.0, cov.values(), effects.view(), 0.0, sums.view());
 
     for (std::int32_t t = 1; t <= ntrait; ++t) {
         // Traits that share a slot share one solution, which takes the sum once.

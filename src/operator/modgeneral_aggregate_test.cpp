@@ -20,11 +20,9 @@ using ::testing::UnorderedElementsAre;
 
 covariable_type covariable(std::vector<std::int32_t> indice, std::int64_t ncov,
                            const std::vector<double>& values) {
-    covariable_type cov;
-    cov.indice = std::move(indice);
-    cov.value = matrix<double>(ncov, std::ssize(values) / ncov);
-    std::ranges::copy(values, cov.value.values().begin());
-    return cov;
+    matrix<double> value(ncov, std::ssize(values) / ncov);
+    std::ranges::copy(values, value.values().begin());
+    return {std::move(indice), std::move(value)};
 }
 
 /// Groups (covariable of 2 coefficients) that are added to an effect of 3 levels; 2 traits.
@@ -75,7 +73,9 @@ TEST(Computeaggregatesolutions, AddsEveryPair) {
 
 TEST(Computeaggregatesolutions, PassesOverRowsAndLevelsBeyondTheEffect) {
     groups g;
-    g.cov[0].indice = {2, 9, -1, 1};  // no such row, and a level 4 that the effect does not have
+    g.cov[0] =
+        covariable({2, 9, -1, 1}, 2,
+                   {0.25, 0.75, 0.5, 0.5});  // no such row, and a level 4 that the effect does not have
     captured_log log;
 
     EXPECT_THAT(g.aggregate(log), ElementsAre(1, 10, 2, 20, 101.5, 215, 300, 400, 500, 600));
@@ -122,20 +122,20 @@ TEST(Computeaggregatesolutions, AgreesWithSumsOverEveryCoefficient) {
     small_model model(ntrait, {{.nlevel = 4}, {.type = 1, .nlevel = nlevel, .ncov = nx}, {.nlevel = nlevel}});
     model.param.sumeffect = {{2, 3}};
     std::vector<covariable_type> cov(3);
-    cov[1].value = matrix<double>(nx, 250);
-    for (double& value : cov[1].value.values()) value = static_cast<double>(generator() % 3);
-    for (std::int32_t lev = 1; lev <= nlevel; ++lev)
-        cov[1].indice.push_back(static_cast<std::int32_t>(generator() % 251));
+    matrix<double> value(nx, 250);
+    std::vector<std::int32_t> indice(nlevel);
+    for (double& v : value.values()) v = static_cast<double>(generator() % 3);
+    for (std::int32_t& row : indice) row = static_cast<std::int32_t>(generator() % 251);
+    cov[1] = covariable_type(indice, value);
     std::vector<double> solutions;
     for (std::int32_t i = 0; i < model.param.neq; ++i)
         solutions.push_back(static_cast<double>(generator() % 100) - 50);
     std::vector<double> expected = solutions, sum;
     for (std::int32_t lev = 1; lev <= nlevel; ++lev)
         for (std::int32_t t = 1; t <= ntrait; ++t)
-            for (std::int32_t k = 1; k <= nx && cov[1].indice[lev - 1] > 0; ++k)
+            for (std::int32_t k = 1; k <= nx && indice[lev - 1] > 0; ++k)
                 expected[model.equation.at({3, lev, 1, t}) - 1] +=
-                    cov[1].value(k - 1, cov[1].indice[lev - 1] - 1) *
-                    solutions[model.equation.at({2, 1, k, t}) - 1];
+                    value(k - 1, indice[lev - 1] - 1) * solutions[model.equation.at({2, 1, k, t}) - 1];
     captured_log log;
 
     computeaggregatesolutions(model.param, solutions, cov, sum, log);

@@ -52,8 +52,8 @@ std::string formatted(const table_row& row) {
     return format_real(std::bit_cast<double>(bits), row.descriptor);
 }
 
-/// The compiler of the table writes the exponent of g0 and g0.d with the fewest digits ("E-1"); our files have at least
-/// two ("E-01"), as every other descriptor.
+/// The compiler of the table writes the exponent of g0 and g0.d with the fewest digits ("E-1"); our files
+/// have at least two ("E-01"), as every other descriptor.
 std::string with_two_exponent_digits(const table_row& row) {
     std::string text = row.text;
     if (!row.descriptor.starts_with("g0") && !row.descriptor.starts_with("s:g0")) return text;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
+#include <limits>
 #include <vector>
 
 // Each character argument has its length behind the last argument, as Fortran processors pass it.
@@ -12,6 +13,10 @@ extern "C" {
 void dsyevd_(const char* job, const char* triangle, const int* n, double* a, const int* lda, double* values,
              double* work, const int* lwork, int* iwork, const int* liwork, int* info, std::size_t,
              std::size_t);
+void dstebz_(const char* range, const char* order, const int* n, const double* vl, const double* vu,
+             const int* il, const int* iu, const double* abstol, const double* d, const double* e, int* m,
+             int* nsplit, double* w, int* iblock, int* isplit, double* work, int* iwork, int* info,
+             std::size_t, std::size_t);
 void dpotrf_(const char* triangle, const int* n, double* a, const int* lda, int* info, std::size_t);
 void dpotri_(const char* triangle, const int* n, double* a, const int* lda, int* info, std::size_t);
 void dgemm_(const char* ta, const char* tb, const int* m, const int* n, const int* k, const double* alpha,
@@ -71,6 +76,24 @@ int lapack_dsyevd(matrix_view<double> a, std::span<double> values) {
 
 int lapack_dsyevd_vectors(matrix_view<double> a, std::span<double> values) {
     return symmetric_eigenproblem('V', a, values);
+}
+
+int lapack_dstebz(std::span<const double> diagonal, std::span<const double> off_diagonal, std::int64_t index,
+                  double& value) {
+    assert(index >= 1 && index <= std::ssize(diagonal) &&
+           std::ssize(off_diagonal) >= std::ssize(diagonal) - 1);
+    const int n = narrow<int>(std::ssize(diagonal)), which = narrow<int>(index);
+    const double unused = 0.0, none = 0.0;
+    const double smallest = 2.0 * std::numeric_limits<double>::min();  // asks for relative precision
+    const double* const e = off_diagonal.empty() ? &none : off_diagonal.data();
+    const auto size = static_cast<std::size_t>(n);
+    std::vector<double> values(size), work(4 * size);
+    std::vector<int> block(size), split(size), iwork(3 * size);
+    int found = 0, nsplit = 0, info = 0;
+    dstebz_("I", "E", &n, &unused, &unused, &which, &which, &smallest, diagonal.data(), e, &found, &nsplit,
+            values.data(), block.data(), split.data(), work.data(), iwork.data(), &info, 1, 1);
+    if (info == 0 && found > 0) value = values[0];
+    return info;
 }
 
 int lapack_dpotrf(matrix_view<double> a) {

@@ -15,6 +15,15 @@ int lapack_dsyevd(matrix_view<double> a, std::span<double> values);
 /// Eigenvalues and eigenvectors (job "V"); the vectors replace `a`, one a column.
 int lapack_dsyevd_vectors(matrix_view<double> a, std::span<double> values);
 
+/// Eigenvalue number `index` (from 1, ascending) of a symmetric tridiagonal matrix of order n by bisection,
+/// to full relative precision (DSTEBZ). All elements are finite.
+///
+/// @param diagonal      n values, n >= index.
+/// @param off_diagonal  at least n - 1 values; element k stands in row k, column k + 1.
+/// @returns LAPACK's info.
+int lapack_dstebz(std::span<const double> diagonal, std::span<const double> off_diagonal, std::int64_t index,
+                  double& value);
+
 /// Cholesky factor of the lower triangle in place (DPOTRF "L"). @returns LAPACK's info.
 int lapack_dpotrf(matrix_view<double> a);
 

@@ -135,12 +135,12 @@ int command_line::get_positional(std::int32_t position, std::string& value) cons
 }
 
 std::string command_line::usage() const {
-    std::string text = "usage: " + program_ + " [instruction file] [options]\n\n" + description_ + "\nVersion " +
-                       version_ + "\n\nPositional arguments:\n";
+    std::string text = "usage: " + program_ + " [instruction file] [options]\n\n" + description_ +
+                       "\nVersion " + version_ + "\n\nPositional arguments:\n";
     std::size_t position = 0;
     for (const state& s : positionals_) {
-        text += "   argument " + inttochar(static_cast<std::int64_t>(++position)) + " (optional)\n          " +
-                s.argument.help + ", default " + s.argument.default_value + "\n";
+        text += "   argument " + inttochar(static_cast<std::int64_t>(++position)) +
+                " (optional)\n          " + s.argument.help + ", default " + s.argument.default_value + "\n";
     }
     text += "\nOptions:\n";
     for (const state& s : switches_) {
@@ -162,16 +162,22 @@ std::string command_line::usage_markdown() const {
                 s.argument.default_value + " | " + s.argument.help + " |\n";
     for (const state& s : switches_)
         text += "| `" + names_of(s.argument) + "` | " + s.argument.default_value + " | " + s.argument.help +
-                (s.argument.exclude.empty() ? "" : "; not together with `" + s.argument.exclude + "`") + " |\n";
+                (s.argument.exclude.empty() ? "" : "; not together with `" + s.argument.exclude + "`") +
+                " |\n";
     return text + "\n";
 }
 
 command_line create_command_line(std::string_view version) {
     command_line line("zendar", std::string(version), "Program to solve linear systems of equations.");
     using enum switch_action;
-    line.add({.name = "", .short_name = "", .action = store, .default_value = "none",
-              .help = "Instruction file", .exclude = ""});
-    const auto flag = [&](const char* name, const char* short_name, const char* help, const char* exclude = "") {
+    line.add({.name = "",
+              .short_name = "",
+              .action = store,
+              .default_value = "none",
+              .help = "Instruction file",
+              .exclude = ""});
+    const auto flag = [&](const char* name, const char* short_name, const char* help,
+                          const char* exclude = "") {
         line.add({name, short_name, store_true, ".false.", help, exclude});
     };
     flag("--help", "-h", "Print this help");
@@ -197,7 +203,8 @@ run_arguments readargument(const command_line& line, logger& log) {
     check(line.get("--help", lhelp), "Issue with the argument --help with FLAP error ", log);
     if (lhelp) arguments.help_message = line.usage();
 
-    check(line.get("--markdown", arguments.lmarkdown), "Issue with the argument --markdown with FLAP error ", log);
+    check(line.get("--markdown", arguments.lmarkdown), "Issue with the argument --markdown with FLAP error ",
+          log);
     if (arguments.lmarkdown) {
         file_writer manual;
         auto failure = manual.open("zendar.md");
@@ -216,8 +223,8 @@ run_arguments readargument(const command_line& line, logger& log) {
     std::int32_t ncpus = -1;
     check(line.get("--ncpus", ncpus), "Issue with the argument --ncpus with FLAP error ", log);
     if (ncpus > max_threads)
-        fatal(log, "The value of --ncpus is above " + inttochar(max_threads) + ": " + inttochar(ncpus), "varquil",
-              "readargument");
+        fatal(log, "The value of --ncpus is above " + inttochar(max_threads) + ": " + inttochar(ncpus),
+              "varquil", "readargument");
     if (ncpus > 0) {
         set_number_of_threads(ncpus);
         log.message("   Provided number of threads for OpenMP/MKL: " + inttochar(team_size()));
@@ -230,7 +237,8 @@ run_arguments readargument(const command_line& line, logger& log) {
         arguments.relparam = std::string(trim(rel));
     }
     check(line.get("--ebvpev", arguments.lebvpev), "Issue with --ebvpev with FLAP error ", log);
-    check(line.get("--verbose", arguments.lverbose), "Issue with the argument --verbose with FLAP error ", log);
+    check(line.get("--verbose", arguments.lverbose), "Issue with the argument --verbose with FLAP error ",
+          log);
     return arguments;
 }
 

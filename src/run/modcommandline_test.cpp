@@ -49,7 +49,8 @@ TEST(CommandLine, EverySwitchInBothForms) {
         EXPECT_EQ(arguments.relparam, "Harville");
         EXPECT_EQ(arguments.parfile, "m.par");
     }
-    for (const char* name : {"--ncpus", "--nthreads"}) EXPECT_EQ(read_words({name, "-4", "m.par"}).parfile, "m.par");
+    for (const char* name : {"--ncpus", "--nthreads"})
+        EXPECT_EQ(read_words({name, "-4", "m.par"}).parfile, "m.par");
 }
 
 TEST(CommandLine, UndefIsNoValueOfRel) {
@@ -83,9 +84,9 @@ TEST(CommandLine, ReadBackFailuresNameTheArgument) {
         switch_action action;
     };
     using enum switch_action;
-    const std::vector<declared> all = {{"--help", store_true}, {"--markdown", store_true}, {"", store},
-                                       {"--ncpus", store},     {"REL", store},             {"--ebvpev", store_true},
-                                       {"--verbose", store_true}};
+    const std::vector<declared> all = {
+        {"--help", store_true},   {"--markdown", store_true}, {"", store}, {"--ncpus", store}, {"REL", store},
+        {"--ebvpev", store_true}, {"--verbose", store_true}};
     const std::vector<std::string> messages = {"Issue with the argument --help with FLAP error 1",
                                                "Issue with the argument --markdown with FLAP error 1",
                                                "Issue with the argument 1 with FLAP error 1",
@@ -113,12 +114,12 @@ TEST(CommandLine, UsageNamesEveryArgumentWithItsHelp) {
     const command_line line = create_command_line("1.2.3");
 
     for (const std::string& text : {line.usage(), line.usage_markdown()})
-        for (const char* piece : {"--help, -h", "--markdown, -md", "--ncpus, --nthreads value", "--noscreen",
-                                  "REL, r value", "--ebvpev", "--verbose, -vb", "1.2.3", "Instruction file",
-                                  "Print this help", "Print this help in a Markdown file",
-                                  "Number of CPUs/threads", "To not print the output to the screen",
-                                  "Option for computing reliabilities", "Verbose mode",
-                                  "Program to solve linear systems of equations."})
+        for (const char* piece :
+             {"--help, -h", "--markdown, -md", "--ncpus, --nthreads value", "--noscreen", "REL, r value",
+              "--ebvpev", "--verbose, -vb", "1.2.3", "Instruction file", "Print this help",
+              "Print this help in a Markdown file", "Number of CPUs/threads",
+              "To not print the output to the screen", "Option for computing reliabilities", "Verbose mode",
+              "Program to solve linear systems of equations."})
             EXPECT_THAT(text, HasSubstr(piece));
 }
 

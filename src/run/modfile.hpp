@@ -120,10 +120,12 @@ class random_reader {
     random_reader& operator=(const random_reader&) = delete;
 
     std::optional<file_error> open(const std::filesystem::path& path);
-    /// Fills `data` from byte `offset` on. @returns the bytes read, fewer than asked for only at the end of the
-    /// file; -1 after an error, with its number in `errno`.
+    /// Fills `data` from byte `offset` on. @returns the bytes read, fewer than asked for only at the end of
+    /// the file; -1 after an error, with its number in `errno`.
     [[nodiscard]] std::int64_t read_at(std::int64_t offset, std::span<char> data) const noexcept;
-    [[nodiscard]] std::int64_t size() const noexcept { return size_; }  ///< bytes of the file when it was opened
+    [[nodiscard]] std::int64_t size() const noexcept {
+        return size_;
+    }  ///< bytes of the file when it was opened
 
   private:
     int descriptor_ = -1;

@@ -185,8 +185,8 @@ logger::unit logger::add_log_file(const std::filesystem::path& path, position wh
     u.descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | mode, 0666);
     if (u.descriptor < 0) {
         const file_error why = detail::system_error();
-        fatal_io(self_->told != nullptr ? *self_->told : *this, "Cannot open the log file " + u.name, "modlogger", "add_log_file", why.iostat,
-                 why.iomsg);
+        fatal_io(self_->told != nullptr ? *self_->told : *this, "Cannot open the log file " + u.name,
+                 "modlogger", "add_log_file", why.iostat, why.iomsg);
     }
     u.handle = self_->next_handle++;
     self_->units.push_back(std::move(u));

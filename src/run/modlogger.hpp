@@ -45,8 +45,8 @@ class logger {
     void remove_unit(unit which);
     [[nodiscard]] std::vector<unit> units() const;
 
-    /// Names the logger that is told when a file of this one, which has no screen, cannot be opened or written.
-    /// `other` outlives this logger.
+    /// Names the logger that is told when a file of this one, which has no screen, cannot be opened or
+    /// written. `other` outlives this logger.
     void tell_failures_to(logger& other);
 
     void configure(logger_layout layout);

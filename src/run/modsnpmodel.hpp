@@ -1,11 +1,15 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "modgeneral.hpp"
 #include "modlogger.hpp"
+#include "modmmeiod.hpp"
 #include "modparameters.hpp"
+#include "modpreconditioneriod.hpp"
+#include "modsolveriod.hpp"
 #include "modstructure.hpp"
 
 /// The run state and the stages that the driver calls in turn.
@@ -23,6 +27,10 @@ struct run_state {
     std::vector<double> rhs;
     std::vector<double> solutions;
     std::vector<double> aggregatesolutions;
+    std::unique_ptr<mme_iod> lhs_iod;  ///< the operator of the solvers on data
+    std::unique_ptr<preconditioner> mija_global;
+    modsolveriod::solver_state solver_iod;
+    bool finite = true;  ///< false: the solver ended on solutions that may replace no earlier ones
 };
 
 /// Optional arguments of `initparfile`.
@@ -43,12 +51,16 @@ void outputpevpec(run_state& run);
 void deallocdata(run_state& run);
 void resetmemory(run_state& run);
 
+/// True for the codes that `solve` has a branch for.
+[[nodiscard]] bool has_solver(std::int32_t code);
+
 /// The manual of the instruction file's options, through the logger.
 void man(bool markdown, logger& log);
 
 namespace modsnpmodel {
 /// The three readers of `!` lines, one after the other, and the warning of keywords that none of them takes.
-void read_parameter_file_options(param_type& param, run_options& options, const std::string& file, logger& log);
+void read_parameter_file_options(param_type& param, run_options& options, const std::string& file,
+                                 logger& log);
 /// As `zendar::write_parameter_file_options`, with the options of the run behind.
 void write_parameter_file_options(const param_type& param, const run_options& options, file_writer& out);
 }  // namespace modsnpmodel

@@ -12,7 +12,8 @@ namespace zendar {
 namespace {
 
 void report_pedigrees(const param_type& param, logger& log) {
-    if (std::ranges::none_of(param.type_random, is_pedigree_code)) log.debug("No effect with pedigree present");
+    if (std::ranges::none_of(param.type_random, is_pedigree_code))
+        log.debug("No effect with pedigree present");
     if (std::ranges::none_of(param.type_random, is_ploidy_code))
         log.debug("No effect with pedigree (ploidy) present");
 }
@@ -63,6 +64,7 @@ void initparfile(run_state& run, const std::string& parfile, const run_mode& mod
 void readdata_ascii(run_state& run) {
     cputime clock(run.log, "START: reading data");
     readdata_phen_ascii(run.param, run.data, run.log);
+    readdata_cov_ascii(run.param, run.cov, run.log);
     check_levels(run.param, run.data.effect.view(), run.log);
     clock.end("END: reading data");
 }

@@ -16,7 +16,8 @@ void output(run_state& run) {
     const bool laggregate = !run.aggregatesolutions.empty();
     cputime clock(log, "START: writing output");
 
-    write_raw_stream(run.solutions, param.solver.tmpsol, log);
+    // A later restart must not begin with values that are not finite.
+    if (run.finite) write_raw_stream(run.solutions, param.solver.tmpsol, log);
     if (param.lquorlen) {
         writeoutput_real8(param, laggregate ? run.aggregatesolutions : run.solutions, "solutions_quorlen.dat",
                           log);
@@ -31,15 +32,19 @@ void output(run_state& run) {
     }
     // The solvers on data keep no right-hand side here, except the Chebyshev iteration.
     const std::int32_t code = param.solver.solver;
-    if (code != solver_pcg_iod && code != solver_dpcg_iod && code != solver_dpcg_iod_real)
+    if (code != code_pcg_iod && code != code_dpcg_iod && code != code_dpcg_iod_real)
         writeoutput_real8(param, run.rhs, "rhs.dat", log);
     if (!param.phendev.empty()) fatal(log, "Not implemented yet", "modsnpmodel", "output");
     if (!param.yhat.empty()) fatal(log, "Not implemented yet", "modsnpmodel", "output");
     clock.end("END: writing output");
 }
 
-void pec(run_state& run) { fatal(run.log, "Not implemented yet", "modsnpmodel", "pec"); }
+void pec(run_state& run) {
+    fatal(run.log, "Not implemented yet", "modsnpmodel", "pec");
+}
 
-void outputpevpec(run_state& run) { fatal(run.log, "Not implemented yet", "modsnpmodel", "outputpevpec"); }
+void outputpevpec(run_state& run) {
+    fatal(run.log, "Not implemented yet", "modsnpmodel", "outputpevpec");
+}
 
 }  // namespace zendar

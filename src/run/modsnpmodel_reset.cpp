@@ -28,6 +28,10 @@ void resetmemory(run_state& run) {
     reset_param(run.param);
     reset_solver(run.param.solver);
     run.options = {};
+    run.lhs_iod.reset();
+    run.mija_global.reset();
+    destroy_solver_iod(run.solver_iod);
+    run.finite = true;
     run.data = {};
     run.rhs = {};
     run.solutions = {};

@@ -13,7 +13,24 @@ void phenotypes_to_stream(run_state& run) {
     const wtime clock;
     write_raw_stream(run.data.phen.values(), "phentmp.stream", run.log);
     run.data.phen = {};
-    run.log.message("Wall clock time (s) to save phen to stream file: " + realtochar(clock.seconds(), "(f0.3)"));
+    run.log.message("Wall clock time (s) to save phen to stream file: " +
+                    realtochar(clock.seconds(), "(f0.3)"));
+}
+
+/// What the solvers on data iterate with.
+void setup_iod(run_state& run) {
+    phenotypes_to_stream(run);
+    run.lhs_iod = std::make_unique<mme_iod>(run.param, run.data, run.cov, run.log);
+    run.lhs_iod->setup_lhsrhs_iod(run.options.loptimem);
+    init_solver_pcg_iod(run.param, run.solver_iod, run.log);
+    if (run.mija_global != nullptr) {
+        run.log.message("Global preconditioner already allocated");
+        return;
+    }
+    const wtime clock;
+    run.mija_global =
+        std::make_unique<preconditioner>(modpreconditioneriod::create_mija_lhs(*run.lhs_iod, run.log));
+    clock.end(run.log, "Setup of the preconditioner");
 }
 
 }  // namespace
@@ -28,9 +45,12 @@ void setlhsrhs(run_state& run) {
 
     const std::int32_t code = param.solver.solver;
     if (is_inmemory_solver(code) && std::ranges::any_of(run.cov, &covariable_type::compressed))
-        fatal(log, "Compressed covariables are not allowed for in-memory options", "modsnpmodel", "setlhsrhs");
-    if (is_iod_solver(code)) phenotypes_to_stream(run);
-    fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "setlhsrhs");
+        fatal(log, "Compressed covariables are not allowed for in-memory options", "modsnpmodel",
+              "setlhsrhs");
+    if (!has_solver(code))
+        fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "setlhsrhs");
+    setup_iod(run);
+    clock.end("END: creating LHS and RHS in memory");
 }
 
 }  // namespace zendar

@@ -1,10 +1,42 @@
 #include <algorithm>
+#include <array>
 
 #include "modenum.hpp"
 #include "modsnpmodel.hpp"
 #include "modstats.hpp"
 
 namespace zendar {
+namespace {
+
+void solve_pcg_iod(run_state& run) {
+    const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
+    run.finite =
+        solver_pcg_iod(run.param, *run.lhs_iod, *run.mija_global, run.solutions, groups, run.cov, run.log)
+            .finite;
+}
+
+/// One row per solver that is there.
+struct solver_branch {
+    std::int32_t code;
+    void (*run)(run_state&);
+};
+constexpr std::array<solver_branch, 1> branches{{{code_pcg_iod, solve_pcg_iod}}};
+
+const solver_branch* find_branch(std::int32_t code) {
+    const auto found = std::ranges::find(branches, code, &solver_branch::code);
+    return found == branches.end() ? nullptr : &*found;
+}
+
+/// True when steps behind the solver need the data.
+bool needs_data(const run_state& run) {
+    return run.param.lpec || !run.param.phendev.empty() || !run.param.yhat.empty();
+}
+
+}  // namespace
+
+bool has_solver(std::int32_t code) {
+    return find_branch(code) != nullptr;
+}
 
 void solve(run_state& run) {
     logger& log = run.log;
@@ -15,10 +47,22 @@ void solve(run_state& run) {
     if (const solver_entry* solver = find_solver(code); solver != nullptr) {
         log.message(solver->log_text);
         const std::string& startsol = run.param.solver.startsol;
-        if (code != solver_pardiso && startsol != "none")
+        if (code != code_pardiso && startsol != "none")
             initvectorfromfile_real8(run.param, run.solutions, startsol, log);
     }
-    fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "solve");
+    const solver_branch* branch = find_branch(code);
+    if (branch == nullptr)
+        fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "solve");
+    branch->run(run);
+    if (is_iod_solver(code)) {
+        run.mija_global.reset();
+        destroy_solver_iod(run.solver_iod);
+    }
+    if (!needs_data(run)) {
+        deallocdata(run);
+        if (run.lhs_iod != nullptr) run.lhs_iod->clean_lhs_iod();
+    }
+    clock.end("END: solving the MME");
 }
 
 }  // namespace zendar

@@ -75,6 +75,8 @@ constexpr To narrow(From value) {
 }
 
 /// Bytes in MiB (2^20), for the "Memory (MB) needed for ..." lines.
-constexpr double mib(std::int64_t bytes) { return static_cast<double>(bytes) / 1048576.0; }
+constexpr double mib(std::int64_t bytes) {
+    return static_cast<double>(bytes) / 1048576.0;
+}
 
 }  // namespace zendar

@@ -92,10 +92,13 @@ TEST(MetisCheckerror, NamesEachStatus) {
                                                           {-3, " METIS_ERROR_MEMORY"},
                                                           {-4, " METIS_ERROR"},
                                                           {0, " UNKNOWN METIS_ERROR"}};
-    for (const auto& [status, name] : cases) {
+    for (const auto& expected : cases) {
+        const std::int32_t status = expected.first;
         test::captured_log unit;
-        const std::string text = " The following error for phase METIS_NodeND was detected: " + name;
-        EXPECT_EQ(test::fatal_message([&] { metis_checkerror("METIS_NodeND", status, &static_cast<logger&>(unit)); }),
+        const std::string text =
+            " The following error for phase METIS_NodeND was detected: " + expected.second;
+        EXPECT_EQ(test::fatal_message(
+                      [&] { metis_checkerror("METIS_NodeND", status, &static_cast<logger&>(unit)); }),
                   text);
         EXPECT_THAT(unit.text(), HasSubstr(text));
         EXPECT_EQ(test::fatal_message([&] { metis_checkerror("METIS_NodeND", status, nullptr); }), text);

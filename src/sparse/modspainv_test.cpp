@@ -19,6 +19,7 @@ namespace {
 
 using test::captured_log;
 using test::fatal_message;
+using test::grid;
 using test::ordering;
 using test::upper_crs;
 using ::testing::DoubleNear;
@@ -484,19 +485,6 @@ class thread_count {
   private:
     int before_ = omp_get_max_threads();
 };
-
-/// Laplacian of a k x k x k grid plus the identity.
-upper_crs grid(std::int32_t k) {
-    upper_crs m;
-    for (std::int32_t i = 0; i < k * k * k; ++i) {
-        m.ja.push_back(i + 1), m.a.push_back(7.0);
-        if (i % k + 1 < k) m.ja.push_back(i + 2), m.a.push_back(-1.0);
-        if (i / k % k + 1 < k) m.ja.push_back(i + 1 + k), m.a.push_back(-1.0);
-        if (i / (k * k) + 1 < k) m.ja.push_back(i + 1 + k * k), m.a.push_back(-1.0);
-        m.ia.push_back(static_cast<std::int32_t>(m.ja.size()) + 1);
-    }
-    return m;
-}
 
 TEST(GetSpainvCrs, GivesTheSameForOneToEightThreads) {
     std::mt19937 random(17);

@@ -116,4 +116,17 @@ inline upper_crs random_semidefinite(std::int32_t n, std::mt19937& random) {
     return upper_of(dense);
 }
 
+/// Laplacian of a k x k x k grid plus the identity.
+inline upper_crs grid(std::int32_t k) {
+    upper_crs m;
+    for (std::int32_t i = 0; i < k * k * k; ++i) {
+        m.ja.push_back(i + 1), m.a.push_back(7.0);
+        if (i % k + 1 < k) m.ja.push_back(i + 2), m.a.push_back(-1.0);
+        if (i / k % k + 1 < k) m.ja.push_back(i + 1 + k), m.a.push_back(-1.0);
+        if (i / (k * k) + 1 < k) m.ja.push_back(i + 1 + k * k), m.a.push_back(-1.0);
+        m.ia.push_back(static_cast<std::int32_t>(m.ja.size()) + 1);
+    }
+    return m;
+}
+
 }  // namespace zendar::test

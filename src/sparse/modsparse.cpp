@@ -291,8 +291,8 @@ template <std::signed_integral Index>
 crs_matrix<Index>& crs_matrix<Index>::operator=(const coosparse& other) {
     return *this = detail::coo_to_crs<Index>(other);
 }
-template crssparse& crssparse::operator=(const coosparse&);
-template crssparse64& crssparse64::operator=(const coosparse&);
+template crssparse& crs_matrix<std::int32_t>::operator=(const coosparse&);
+template crssparse64& crs_matrix<std::int64_t>::operator=(const coosparse&);
 
 template <std::signed_integral Index>
 crs_matrix<Index>& crs_matrix<Index>::operator=(const llsparse& other)
@@ -300,6 +300,6 @@ crs_matrix<Index>& crs_matrix<Index>::operator=(const llsparse& other)
 {
     return *this = detail::ll_to_crs(other);
 }
-template crssparse& crssparse::operator=(const llsparse&);
+template crssparse& crs_matrix<std::int32_t>::operator=(const llsparse&);
 
 }  // namespace zendar

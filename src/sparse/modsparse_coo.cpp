@@ -1,10 +1,6 @@
 #include "modsparse_coo.hpp"
 
 #include <algorithm>
-#include <array>
-#include <cassert>
-#include <cmath>
-#include <limits>
 
 #include "modbasic.hpp"
 
@@ -13,7 +9,6 @@ namespace zendar {
 namespace {
 
 constexpr std::int64_t default_nel = 100;
-constexpr double epsilon = std::numeric_limits<double>::epsilon();
 
 /// The load is judged in single precision, which decides about the slots of a file.
 bool overloaded(std::int64_t filled, std::int64_t nel) {
@@ -35,10 +30,6 @@ std::int64_t largest_filled(std::int64_t nel) {
 
 bool is_free(const coo_slot& slot) {
     return slot.row == 0 || slot.col == 0;
-}
-
-bool is_pair(const coo_slot& slot, std::int32_t row, std::int32_t col) {
-    return slot.row == row && slot.col == col;
 }
 
 }  // namespace
@@ -101,174 +92,6 @@ double coosparse::get(std::int32_t row, std::int32_t col) const {
     if (is_mirrored() && row > col) std::swap(row, col);
     const std::int64_t s = hashf_array_getval(row, col, slots());
     return s > 0 ? slots()[s - 1].value : 0.0;
-}
-
-void coosparse::set(std::int32_t row, std::int32_t col, double value) {
-    if (accepts(row, col)) place(row, col) = value;
-}
-
-void coosparse::add(std::int32_t row, std::int32_t col, double value) {
-    if (accepts(row, col) && !(std::abs(value) < epsilon)) place(row, col) += value;
-}
-
-/// As `hashf_array` without `getval`. The first three probes do not wait for each other's memory.
-std::int64_t coosparse::find_or_insert(std::int32_t row, std::int32_t col) {
-    constexpr int ahead = 3;
-    const std::int64_t nel = this->nel();
-    coo_slot* const slot = slots_.data();
-    hash_words h = hash_start(row, col);
-    std::array<std::int64_t, ahead> first;
-    for (std::int64_t& s : first) {
-        s = next_probe(h, nel);
-        __builtin_prefetch(slot + s, 1);
-    }
-    for (std::int32_t probe = 0; probe < maximum_probes; ++probe) {
-        const std::int64_t s = probe < ahead ? first[static_cast<std::size_t>(probe)] : next_probe(h, nel);
-        if (is_pair(slot[s], row, col)) return s;
-        if (is_free(slot[s])) {
-            slot[s] = {row, col, 0.0};
-            ++filled_;
-            return s;
-        }
-    }
-    message(" Warning: the maximum number of searches was reached!");
-    return -1;
-}
-
-double& coosparse::place(std::int32_t row, std::int32_t col) {
-    std::int64_t s = find_or_insert(row, col);
-    if (s < 0 || filled_ > most_filled_) {
-        grow();
-        s = find_or_insert(row, col);
-    }
-    if (s < 0) fail(" ERROR: unexpected");
-    return slots_.data()[s].value;
-}
-
-void coosparse::grow() {
-    const std::int64_t old_nel = nel();
-    // The rule alone would leave a table of one slot as it is.
-    const std::int64_t new_nel = std::max(roundinguppower2(old_nel + old_nel / 2), 2 * old_nel);
-    message("  Current | New size COO: " + inttochar(old_nel) + " | " + inttochar(new_nel));
-    page_array<coo_slot> larger(new_nel);
-    const page_array<coo_slot> old = std::move(slots_);
-    adopt(std::move(larger), 0);
-
-    constexpr std::int64_t block = 4096;
-    std::vector<std::int32_t> rows(block), cols(block);
-    std::vector<double> values(block);
-    for (std::int64_t begin = 0; begin < old_nel; begin += block) {
-        std::size_t n = 0;
-        for (const coo_slot& slot : old.span().subspan(begin, std::min(block, old_nel - begin))) {
-            rows[n] = slot.row;
-            cols[n] = slot.col;
-            values[n] = slot.value;
-            n += is_free(slot) ? 0 : 1;
-        }
-        add(std::span(rows).first(n), std::span(cols).first(n), std::span(values).first(n));
-    }
-}
-
-// ---- many elements ---------------------------------------------------------------------------------------
-
-/// Elements on their way into the table. Slots are never emptied, so that a slot seen with another pair stays
-/// passed over; a free slot may have been taken by an earlier element when its turn comes.
-struct coosparse::batch {
-    static constexpr std::int32_t capacity = 64;
-
-    std::int32_t size = 0;
-    std::array<std::int32_t, capacity> row, col;
-    std::array<double, capacity> value;
-    std::array<std::uint64_t, capacity> a, b, c;
-    std::array<std::int64_t, capacity> slot;
-    std::array<std::int32_t, capacity> probes;
-
-    void start(std::int32_t from, std::int64_t nel, const coo_slot* slots) {
-        for (std::int32_t i = from; i < size; ++i) {
-            a[i] = static_cast<std::uint64_t>(row[i]);
-            b[i] = static_cast<std::uint64_t>(col[i]);
-            c[i] = hash_seed;
-            mix(a[i], b[i], c[i]);
-            slot[i] = static_cast<std::int64_t>(c[i] & static_cast<std::uint64_t>(nel - 1));
-        }
-        for (std::int32_t i = from; i < size; ++i) {
-            probes[i] = 1;
-            __builtin_prefetch(slots + slot[i], 1);
-        }
-    }
-    void next(std::int32_t i, std::int64_t nel) {
-        mix(a[i], b[i], c[i]);
-        slot[i] = static_cast<std::int64_t>(c[i] & static_cast<std::uint64_t>(nel - 1));
-        ++probes[i];
-    }
-    /// Whether the slot is taken by another pair. Without branches: which slots are taken is as good as
-    /// random.
-    [[nodiscard]] bool passes(std::int32_t i, const coo_slot* slots) const {
-        const coo_slot& s = slots[slot[i]];
-        const bool match = (s.row == row[i]) & (s.col == col[i]), free = (s.row == 0) | (s.col == 0);
-        return !(match | free);
-    }
-    /// Moves every element on to a slot that may be its own, and asks for the memory on the way.
-    void look_ahead(std::int32_t from, std::int64_t nel, const coo_slot* slots) {
-        std::array<std::int32_t, capacity> open;
-        std::int32_t nopen = 0;
-        for (std::int32_t i = from; i < size; ++i) open[nopen++] = i;
-        // Few elements wait for the memory one by one as well; they are left to `enter`.
-        while (nopen > 2) {
-            std::int32_t kept = 0;
-            for (std::int32_t k = 0; k < nopen; ++k) {
-                const std::int32_t i = open[k];
-                open[kept] = i;
-                kept += passes(i, slots) & (probes[i] < maximum_probes) ? 1 : 0;
-            }
-            nopen = kept;
-            for (std::int32_t k = 0; k < nopen; ++k) {
-                next(open[k], nel);
-                __builtin_prefetch(slots + slot[open[k]], 1);
-            }
-        }
-    }
-};
-
-void coosparse::enter(batch& b) {
-    std::int32_t i = 0;
-    while (i < b.size) {
-        const std::int64_t nel = this->nel();
-        coo_slot* const slots = slots_.data();
-        b.start(i, nel, slots);
-        b.look_ahead(i, nel, slots);
-        for (; i < b.size; ++i) {
-            while (b.passes(i, slots) && b.probes[i] < maximum_probes) b.next(i, nel);
-            coo_slot& slot = slots[b.slot[i]];
-            const bool insert = is_free(slot);
-            // A table that must grow is left to `add`, with the states of what follows made anew.
-            if (b.passes(i, slots) || filled_ + (insert ? 1 : 0) > most_filled_) {
-                add(b.row[i], b.col[i], b.value[i]);
-                ++i;
-                break;
-            }
-            if (insert) {
-                slot = {b.row[i], b.col[i], 0.0};
-                ++filled_;
-            }
-            slot.value += b.value[i];
-        }
-    }
-    b.size = 0;
-}
-
-void coosparse::add(std::span<const std::int32_t> rows, std::span<const std::int32_t> cols,
-                    std::span<const double> values) {
-    assert(rows.size() == cols.size() && rows.size() == values.size());
-    batch b;
-    for (std::size_t k = 0; k < rows.size(); ++k) {
-        b.row[b.size] = rows[k];
-        b.col[b.size] = cols[k];
-        b.value[b.size] = values[k];
-        b.size += accepts(rows[k], cols[k]) && !(std::abs(values[k]) < epsilon) ? 1 : 0;
-        if (b.size == batch::capacity) enter(b);
-    }
-    enter(b);
 }
 
 // ---- whole matrix ----------------------------------------------------------------------------------------

@@ -61,8 +61,8 @@ class coosparse final : public gen_sparse {
     /// Adds to a value, 0.0 if the pair is new. Drops what `set` drops, and values below the machine epsilon
     /// in absolute value.
     void add(std::int32_t row, std::int32_t col, double value);
-    /// The same for many elements, in their order and with the same slots as a result; faster on tables beyond
-    /// the cache, as the memory is asked for ahead. The three sizes must agree.
+    /// The same for many elements, in their order and with the same slots as a result; faster on tables
+    /// beyond the cache, as the memory is asked for ahead. The three sizes must agree.
     void add(std::span<const std::int32_t> rows, std::span<const std::int32_t> cols,
              std::span<const double> values);
 
@@ -89,6 +89,7 @@ class coosparse final : public gen_sparse {
 
   private:
     struct batch;
+    class conveyor;
 
     coosparse(const coosparse& other);
 
@@ -99,10 +100,16 @@ class coosparse final : public gen_sparse {
     /// The value's place, after growing if needed.
     double& place(std::int32_t row, std::int32_t col);
     [[nodiscard]] std::int64_t find_or_insert(std::int32_t row, std::int32_t col);
+    /// Enters a pair in its slot, which is its own or free. A free one holds the value 0.0.
+    void take(coo_slot& slot, std::int32_t row, std::int32_t col) noexcept {
+        const bool free = slot.row == 0 || slot.col == 0;
+        filled_ += free ? 1 : 0;
+        slot.row = row;
+        slot.col = col;
+    }
     /// Doubles the number of slots and re-enters all elements with `add`, in slot order: a value below
     /// epsilon, which only `set` stores, is lost here.
     void grow();
-    void enter(batch& b);
     /// Takes a table over, of which `filled` slots are occupied.
     void adopt(page_array<coo_slot> slots, std::int64_t filled);
     /// For each index its position in the list, 0 if it is not listed.

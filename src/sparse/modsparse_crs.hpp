@@ -131,9 +131,14 @@ class crs_matrix final : public gen_sparse {
     void solveldlt(matrix_view<double> x, matrix_view<const double> y) const
         requires(std::same_as<Index, std::int32_t>);
     /// Replace the matrix by its Cholesky factor, its L D L' factors, its incomplete Cholesky factor, or the
-    /// part of its inverse on the pattern of the factor. Factors are upper triangles in an order of their own,
-    /// the matrix's permutation or else that of `getordering`, which becomes its permutation. `getldlt`
-    /// stores D in the place of the unit diagonal.
+    /// part of its inverse on the pattern of the factor. They are computed in the order of the matrix's
+    /// permutation or else in that of `getordering`, which becomes the permutation. Factors are upper
+    /// triangles in this order, the inverse is in that of the equations. `getldlt` stores D in the place of
+    /// the unit diagonal.
+    /// `getldlt` and `getspainv` take semidefinite matrices: an equation whose pivot is at or below 1e-10 of
+    /// its diagonal is dropped, and the log tells how many were.
+    /// @throws fatal_error  when the matrix is no sorted upper triangle of finite numbers; naming the equation
+    ///                      of a pivot that is not positive (negative, where some may be dropped).
     void getchol()
         requires(std::same_as<Index, std::int32_t>);
     void getldlt()

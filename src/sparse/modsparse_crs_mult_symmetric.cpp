@@ -2,9 +2,9 @@
 
 #include "modsparse_crs_mult_detail.hpp"
 
-// A stored element (i, c) with c > i gathers x(c) into y(i) and scatters x(i) into y(c). Rows only scatter to the
-// right, so that a part may add to its own equations in place: no other part touches them before all rows are
-// through. What falls to the right of the part's rows goes to sums of its own, the spill, which reach no
+// A stored element (i, c) with c > i gathers x(c) into y(i) and scatters x(i) into y(c). Rows only scatter to
+// the right, so that a part may add to its own equations in place: no other part touches them before all rows
+// are through. What falls to the right of the part's rows goes to sums of its own, the spill, which reach no
 // further than its last column. The spills are added in the order of the parts.
 //
 // With several columns and elements near the diagonal, the equations around the current row are kept in a
@@ -105,6 +105,51 @@ void rows_of_whole_vectors(crs_view<Index> m, std::int64_t from, std::int64_t to
     out.end = beyond.end;
 }
 
+/// The same for one vector, where the checks of every element would cost as much as its arithmetic: y is made
+/// ready as a whole.
+template <std::signed_integral Index>
+void rows_of_one_vector(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
+                        double beta, double* y, spill& out) {
+    const std::int64_t n = m.dim1;
+    const Index* ja = m.ja.data();
+    const double* a = m.a.data();
+    if (beta == 0.0)
+        std::fill(y + from, y + to, 0.0);
+    else if (beta != 1.0)
+        for (std::int64_t i = from; i < to; ++i) y[i] *= beta;
+    spill beyond = out;
+    for (std::int64_t i = from; i < to; ++i) {
+        const double xi = alpha * x[i];
+        double sum = 0.0;
+        std::int64_t k = m.ia[i] - 1;
+        const std::int64_t end = m.ia[i + 1] - 1;
+        if (k < end && ja[k] - 1 == i) sum = a[k++] * x[i];
+        if (k < end && ja[end - 1] > to) {
+            // Some columns lie beyond the part: where an element goes is selected, not branched on.
+            for (; k < end; ++k) {
+                const std::int64_t c = std::int64_t{ja[k]} - 1;
+                if (c >= beyond.end) [[unlikely]]
+                    beyond.reach<1>(c, n);
+                double* const base = c < to ? y : beyond.sums;
+                const std::int64_t offset = c < to ? c : c - beyond.first;
+                sum += a[k] * x[c];
+                if (c != i) base[offset] += a[k] * xi;
+            }
+        } else {
+            for (; k < end; ++k) {
+                const std::int64_t c = std::int64_t{ja[k]} - 1;
+                sum += a[k] * x[c];
+                if (c >= to) [[unlikely]]
+                    *beyond.at<1>(c, n) += a[k] * xi;
+                else if (c != i) [[likely]]
+                    y[c] += a[k] * xi;
+            }
+        }
+        y[i] += alpha * sum;
+    }
+    out.end = beyond.end;
+}
+
 /// Adds the spills of earlier parts to the equations [from, to).
 template <int B>
 void add_spills(const std::vector<spill>& spills, int part, std::int64_t from, std::int64_t to, double* y) {
@@ -151,9 +196,12 @@ void multiply_whole(crs_view<Index> m, double alpha, matrix_view<const double> x
             for (int p = 0; p < parts; ++p) pack_rows<B>(x, bounds[p], bounds[p + 1], px);
         }
 #pragma omp for schedule(static, 1)
-        for (int p = 0; p < parts; ++p)
-            rows_of_whole_vectors<B>(m, bounds[p], bounds[p + 1], alpha, source, packed ? 0.0 : beta, target,
-                                     spills[p]);
+        for (int p = 0; p < parts; ++p) {
+            if constexpr (packed)
+                rows_of_whole_vectors<B>(m, bounds[p], bounds[p + 1], alpha, source, 0.0, target, spills[p]);
+            else
+                rows_of_one_vector(m, bounds[p], bounds[p + 1], alpha, source, beta, target, spills[p]);
+        }
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p) {
             add_spills<B>(spills, p, bounds[p], bounds[p + 1], target);
@@ -162,7 +210,8 @@ void multiply_whole(crs_view<Index> m, double alpha, matrix_view<const double> x
     }
 }
 
-// ---- several columns near the diagonal -----------------------------------------------------------------------
+// ---- several columns near the diagonal
+// -----------------------------------------------------------------------
 
 /// Equations that the ring holds; with the widest block both halves take 320 KiB.
 constexpr std::int64_t ring_size = 2048;
@@ -363,8 +412,8 @@ void multiply_symmetric(crs_view<Index> m, double alpha, matrix_view<const doubl
 }
 
 template <std::signed_integral Index>
-using symmetric_product = void(crs_view<Index>, double, matrix_view<const double>, double, matrix_view<double>,
-                               int);
+using symmetric_product = void(crs_view<Index>, double, matrix_view<const double>, double,
+                               matrix_view<double>, int);
 
 template symmetric_product<std::int32_t> multiply_symmetric<1>;
 template symmetric_product<std::int32_t> multiply_symmetric<2>;

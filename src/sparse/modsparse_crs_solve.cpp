@@ -48,7 +48,8 @@ void crs_matrix<Index>::solve(matrix_view<double> x, matrix_view<const double> y
         }
         checkpardiso(phase, control.error, unlog_);
     };
-    if (!ldecomposed_) {
+    if (!lupperstorage_) fail(" ERROR: the matrix cannot be solved: it is not upper-stored");
+    if (!ldecomposed_ || !pardisovar_) {
         const wtime clock;
         pardisovar_ = std::make_shared<crs_factors<Index>>();
         pardiso_variable& control = pardisovar_->control;
@@ -151,9 +152,16 @@ namespace {
 /// What a factorisation leaves.
 enum class outcome { factor, inverse };
 
-/// Runs one of the factorisations on the arrays, in the matrix's own order or in that of `getordering`. A
-/// factor takes this order along as its permutation.
+[[noreturn]] void reject(const crssparse& m, const std::string& text) {
+    if (m.getoutputunit() != nullptr) m.getoutputunit()->message(text);
+    throw fatal_error(text);
+}
+
+/// Runs one of the factorisations on the arrays, in the order of the matrix's permutation or else in that of
+/// `getordering`, which becomes the permutation.
 void replace(crssparse& m, outcome what, const auto& factorise) {
+    if (!m.issquare() || !m.isupperstorage())
+        reject(m, " ERROR: the CRS matrix must be square and upper triangular stored");
     const std::vector<std::int32_t> order = [&m] {
         if (!m.haspermutation32()) return m.getordering();
         const auto given = m.getpermutation32();
@@ -169,10 +177,8 @@ void replace(crssparse& m, outcome what, const auto& factorise) {
     std::ranges::copy(ja, crs_arrays::ja(result).begin());
     std::ranges::copy(a, crs_arrays::a(result).begin());
     result.setsorted(true);
-    if (what == outcome::factor) {
-        result.setsymmetric(false);
-        result.setpermutation32(order);
-    }
+    result.setpermutation32(order);
+    if (what == outcome::factor) result.setsymmetric(false);
     m = std::move(result);
 }
 
@@ -190,8 +196,7 @@ void crs_matrix<Index>::getldlt()
     requires(std::same_as<Index, std::int32_t>)
 {
     replace(*this, outcome::factor,
-            [](auto& ia, auto& ja, auto& a, const auto& order,
-               const spainv_controls& controls) {
+            [](auto& ia, auto& ja, auto& a, const auto& order, const spainv_controls& controls) {
                 std::vector<double> d;
                 get_ldlt_crs(ia, ja, a, d, order, controls);
                 for (std::size_t i = 0; i < d.size(); ++i) a[ia[i] - 1] = d[i];  // in the place of the ones

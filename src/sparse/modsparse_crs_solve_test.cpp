@@ -17,7 +17,10 @@ namespace {
 using ::testing::DoubleNear;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::internal::CaptureStderr;
 using ::testing::internal::CaptureStdout;
+using ::testing::internal::GetCapturedStderr;
 using ::testing::internal::GetCapturedStdout;
 
 /// A grid's equations: 5 on the diagonal and -1 for neighbours.
@@ -144,6 +147,112 @@ TEST(Solve, TakesAConsistentSystemOfDeficientRankAndTellsSo) {
     EXPECT_THAT(unit.text(), HasSubstr(" Number of dependent equations  = 1"));
 }
 
+/// X'X of records in `herds` herds and `years` years, both fixed and crossed with a mean: two equations
+/// depend on the others. Each animal has one record and a share in the diagonal.
+coosparse two_confounded_effects(std::int32_t herds, std::int32_t years, std::int32_t animals) {
+    const std::int32_t n = herds + years + 1 + animals;
+    coosparse coo(n, {}, {}, true);
+    coo.setsymmetric();
+    for (std::int32_t a = 0; a < animals; ++a) {
+        const std::int32_t eq[] = {1, 2 + a % herds, 2 + herds + a / herds % years, herds + years + 2 + a};
+        for (const std::int32_t i : eq)
+            for (const std::int32_t j : eq) coo.add(i, j, 1.0);
+        coo.add(eq[3], eq[3], 2.0);
+    }
+    return coo;
+}
+
+TEST(Solve, TellsHowManyEquationsTwoConfoundedEffectsMakeDependent) {
+    test::captured_log unit;
+    crssparse a = convertfromcootocrs(two_confounded_effects(5, 4, 200));
+    a.setoutputunit(&static_cast<logger&>(unit));
+    const std::int32_t n = a.getdim(1);
+    std::vector<double> y(n), x(n), back(n);
+    a.multgenv(1.0, 'N', random_vector(n, 8), 0.0, y);
+
+    a.solve(x, y);
+    a.multgenv(1.0, 'N', x, 0.0, back);
+
+    expect_near(back, y, 1e-10);
+    EXPECT_THAT(unit.text(), MatchesRegex(" Start ordering and factorization\n"
+                                          " Number of nonzeros in factors  = [0-9]+\n"
+                                          " Elapsed time \\(s\\)               = [0-9]*\\.[0-9]+\n"
+                                          " Number of dependent equations  = 2\n"));
+}
+
+TEST(Solve, WritesNothingToStandardOutputOrError) {
+    crssparse definite = convertfromcootocrs(grid_matrix(12));
+    crssparse dependent = convertfromcootocrs(two_confounded_effects(5, 4, 60));
+    crssparse zero = convertfromcootocrs(coosparse(4, {}, {}, true));
+    coosparse coo(3, {}, {}, true);
+    coo.setsymmetric();
+    coo.add(1, 2, 1.0), coo.add(3, 3, -1.0);
+    crssparse indefinite = convertfromcootocrs(coo);
+    crssparse overflow = indefinite.copy();
+    overflow.scale(1e300);
+
+    CaptureStdout();
+    CaptureStderr();
+    for (crssparse* a : {&definite, &dependent, &zero, &indefinite, &overflow}) {
+        std::vector<double> x(a->getdim(1));
+        a->solve(x, std::vector<double>(x.size(), 1e10));
+        a->reset_pardiso_memory();
+        static_cast<void>(a->getordering());
+    }
+    definite.getspainv();
+    const std::string out = GetCapturedStdout(), error = GetCapturedStderr();
+
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(error, "");
+}
+
+TEST(Solve, TakesOneEquationAndNone) {
+    coosparse coo(1, {}, {}, true);
+    coo.add(1, 1, -4.0);
+    crssparse one = convertfromcootocrs(coo);
+    std::vector<double> x(1);
+    one.solve(x, std::vector{8.0});
+    EXPECT_EQ(x[0], -2.0);
+
+    matrix<double> none(1, 0);
+    EXPECT_NO_THROW(one.solve(none.view(), none.view()));
+}
+
+TEST(Solve, FactorisesAMatrixThatIsOnlySaidToBeDecomposed) {
+    crssparse a = convertfromcootocrs(grid_matrix(2));
+    a.setdecomposed(true);
+    std::vector<double> x(4);
+
+    a.solve(x, std::vector<double>(4, 3.0));
+
+    expect_near(x, std::vector<double>(4, 1.0), 1e-14);
+}
+
+TEST(Solve, KeepsItsFactorsWhenTheMatrixMoves) {
+    test::captured_log unit;
+    crssparse a = convertfromcootocrs(grid_matrix(2, &static_cast<logger&>(unit)));
+    std::vector<double> x(4);
+    a.solve(x, x);
+    crssparse moved = std::move(a);
+
+    moved.solve(x, std::vector<double>(4, 3.0));
+    crssparse copied = moved.copy();
+
+    expect_near(x, std::vector<double>(4, 1.0), 1e-14);
+    EXPECT_EQ(count_of(unit.text(), start), 1U);
+    EXPECT_FALSE(copied.isdecomposed());
+}
+
+TEST(Solve, RefusesAPermutationThatIsNone) {
+    crssparse a = convertfromcootocrs(grid_matrix(2));
+    a.setpermutation32(std::vector{1, 2, 2, 4});
+    std::vector<double> x(4);
+    EXPECT_EQ(test::fatal_message([&] { a.solve(x, x); }),
+              " ERROR: the matrix cannot be solved: the permutation of the matrix is none of 1 to 4");
+    EXPECT_EQ(test::fatal_message([&] { a.getchol(); }),
+              " ERROR: the permutation does not hold each equation once, see 2");
+}
+
 TEST(Solve, TakesAnIndefiniteMatrixThatGetcholRefuses) {
     coosparse coo(2, {}, {}, true);
     coo.setsymmetric();
@@ -170,8 +279,9 @@ TEST(Solve, RefusesShapesThatDoNotAgree) {
     matrix<double> one(4, 1), two(4, 2), longer(5, 1);
     EXPECT_EQ(test::fatal_message([&] { a.solve(one.view(), two.view()); }),
               " ERROR: the number of colums of x and y provided to solve are different: 1 and 2");
-    EXPECT_EQ(test::fatal_message([&] { a.solve(one.view(), longer.view()); }),
-              " ERROR: the number of rows of x and y provided to solve is not that of the matrix: 4 and 5 for 4");
+    EXPECT_EQ(
+        test::fatal_message([&] { a.solve(one.view(), longer.view()); }),
+        " ERROR: the number of rows of x and y provided to solve is not that of the matrix: 4 and 5 for 4");
 }
 
 TEST(Solve, WarnsOfAMatrixThatIsNotSquareAndStops) {
@@ -195,11 +305,12 @@ TEST(Solve, RefusesAMatrixTheDirectSolverCannotTake) {
     };
     const std::string head = " ERROR: the matrix cannot be solved: ";
     const double bad = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(message_for({1, 2, 3}, {2, 2}, {1.0, 1.0}, true), head + "no diagonal element is stored in row 1");
+    EXPECT_EQ(message_for({1, 2, 3}, {2, 2}, {1.0, 1.0}, true),
+              head + "no diagonal element is stored in row 1");
     EXPECT_EQ(message_for({1, 3, 4}, {2, 1, 2}, {1.0, 1.0, 1.0}, true),
               head + "the columns are not sorted in row 1");
-    EXPECT_EQ(message_for({1, 2, 4}, {1, 1, 2}, {1.0, 1.0, 1.0}, false),
-              head + "an element below the diagonal is stored in row 2");
+    EXPECT_EQ(message_for({1, 2, 4}, {1, 1, 2}, {1.0, 1.0, 1.0}, false), head + "it is not upper-stored");
+    EXPECT_EQ(message_for({1, 2, 3}, {1, 2}, {1.0, 1.0}, false), head + "it is not upper-stored");
     EXPECT_EQ(message_for({1, 2, 3}, {1, 2}, {1.0, bad}, true),
               head + "an element is not a finite number in row 2");
 }
@@ -324,6 +435,80 @@ TEST(Getspainv, GivesTheInverseAtTheMatrixsElements) {
             if (a.get(i, j) != 0.0) {
                 EXPECT_NEAR(inverse.get(i, j), column[i - 1], 1e-14);
             }
+    }
+}
+
+TEST(Factorisations, KeepTheOrderThatTheyTookAsThePermutation) {
+    const crssparse a = convertfromcootocrs(grid_matrix(7));
+    const std::vector<std::int32_t> found = a.getordering();
+    std::vector<std::int32_t> given(49);
+    for (std::int32_t i = 0; i < 49; ++i) given[i] = (i * 5) % 49 + 1;
+    for (const bool user : {false, true})
+        for (void (crssparse::*factorise)() :
+             {&crssparse::getchol, &crssparse::getldlt, &crssparse::getichol, &crssparse::getspainv}) {
+            crssparse m = a.copy();
+            if (user) m.setpermutation32(given);
+
+            (m.*factorise)();
+
+            EXPECT_TRUE(std::ranges::equal(m.getpermutation32(), user ? given : found));
+            EXPECT_TRUE(m.isupperstorage() && m.issorted());
+        }
+}
+
+TEST(Factorisations, RefuseWhatIsNoUpperTriangle) {
+    const std::string text = " ERROR: the CRS matrix must be square and upper triangular stored";
+    const crssparse full = convertfromcootocrs(coosparse(3));
+    const crssparse oblong = convertfromcootocrs(coosparse(2, 3, {}, true));
+    const std::vector<std::int32_t> order{3, 1, 2};
+    for (const crssparse* a : {&full, &oblong})
+        for (void (crssparse::*factorise)() :
+             {&crssparse::getchol, &crssparse::getldlt, &crssparse::getichol, &crssparse::getspainv})
+            for (const bool user : {false, true}) {
+                test::captured_log unit;
+                crssparse m = a->copy();
+                m.setoutputunit(&static_cast<logger&>(unit));
+                if (user) m.setpermutation32(std::span(order).first(static_cast<std::size_t>(m.getdim(1))));
+                EXPECT_EQ(test::fatal_message([&] { (m.*factorise)(); }), text);
+                EXPECT_THAT(unit.text(), HasSubstr(text));
+            }
+}
+
+TEST(Factorisations, NameTheElementThatIsNoNumberAndLeaveTheMatrixAlone) {
+    crssparse a = convertfromcootocrs(grid_matrix(3));
+    a.set(2, 3, std::numeric_limits<double>::quiet_NaN());
+    for (void (crssparse::*factorise)() :
+         {&crssparse::getchol, &crssparse::getldlt, &crssparse::getichol, &crssparse::getspainv})
+        EXPECT_EQ(test::fatal_message([&] { (a.*factorise)(); }),
+                  " ERROR: the element (2, 3) of the CRS matrix is not a finite number");
+    EXPECT_EQ(a.get(1, 1), 5.0);
+    EXPECT_FALSE(a.haspermutation32());
+}
+
+TEST(Factorisations, NameThePivotThatFails) {
+    crssparse a = convertfromcootocrs(grid_matrix(3));
+    a.set(5, 5, -5.0);
+    const std::string head = " ERROR: the pivot of equation 5 is ";
+    const std::string positive = head + "not positive: the matrix is not positive definite";
+    const std::string negative = head + "negative: the matrix is not positive semidefinite";
+    EXPECT_EQ(test::fatal_message([&] { a.getchol(); }), positive);
+    EXPECT_EQ(test::fatal_message([&] { a.getichol(); }), positive);
+    EXPECT_EQ(test::fatal_message([&] { a.getldlt(); }), negative);
+    EXPECT_EQ(test::fatal_message([&] { a.getspainv(); }), negative);
+}
+
+TEST(Factorisations, CountTheEquationsOfASemidefiniteMatrixThatTheyDrop) {
+    const crssparse a = convertfromcootocrs(two_confounded_effects(5, 4, 200));
+    for (void (crssparse::*factorise)() : {&crssparse::getldlt, &crssparse::getspainv}) {
+        test::captured_log unit;
+        crssparse m = a.copy();
+        m.setoutputunit(&static_cast<logger&>(unit));
+
+        (m.*factorise)();
+
+        EXPECT_THAT(unit.text(), HasSubstr("  Number of dropped pivots: 2\n"));
+        const std::vector<double> diagonal = m.diag_vect();
+        EXPECT_EQ(std::ranges::count(diagonal, 0.0), 2);
     }
 }
 

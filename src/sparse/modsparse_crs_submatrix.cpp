@@ -93,12 +93,13 @@ matrix<double> crs_matrix<Index>::submatrix_dense(std::int32_t first_row, std::i
     return submatrix_dense(rows, cols);
 }
 
-template void crssparse::check_corners(std::int32_t, std::int32_t, std::int32_t, std::int32_t) const;
-template crssparse crssparse::submatrix(std::int32_t, std::int32_t, std::int32_t, std::int32_t,
-                                        std::optional<bool>) const;
-template matrix<double> crssparse::submatrix_dense(std::int32_t, std::int32_t, std::int32_t,
-                                                   std::int32_t) const;
-template matrix<double> crssparse::submatrix_dense(std::span<const std::int32_t>,
-                                                   std::span<const std::int32_t>) const;
+template void crs_matrix<std::int32_t>::check_corners(std::int32_t, std::int32_t, std::int32_t,
+                                                      std::int32_t) const;
+template crssparse crs_matrix<std::int32_t>::submatrix(std::int32_t, std::int32_t, std::int32_t, std::int32_t,
+                                                       std::optional<bool>) const;
+template matrix<double> crs_matrix<std::int32_t>::submatrix_dense(std::int32_t, std::int32_t, std::int32_t,
+                                                                  std::int32_t) const;
+template matrix<double> crs_matrix<std::int32_t>::submatrix_dense(std::span<const std::int32_t>,
+                                                                  std::span<const std::int32_t>) const;
 
 }  // namespace zendar

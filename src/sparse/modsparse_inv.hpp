@@ -115,14 +115,17 @@ void smbfct(supernodal_structure& s);
 
 /// Left-looking blocked factorisation. Subtrees run side by side, the big supernodes near the roots by tiles;
 /// the arithmetic does not depend on the number of threads.
-/// Work space of a thread: n integers and 0.6 MiB; for all, 8 bytes for each pair of supernodes that meet.
+/// Work space of a thread: n integers and at most 0.5 MiB; for all, 8 bytes for each pair of supernodes that
+/// meet. There are as many threads as keep theirs within a fifth of the factor, at least one.
 factor_status super_gsfct(const supernodal_structure& s, const permuted_matrix& m, pivot_rule rule,
                           supernodal_factor& f, const progress_function& progress = {});
 
 /// Selected inverse in place of the factor, supernode by supernode from the last; rows and columns of dropped
 /// pivots become zero. @returns the error code of DPOTRI, 0 when all went well.
-/// Work space of a thread: 192 columns as long as the longest column of the factor; for each big supernode at
-/// hand up to 128 more.
+/// Work space, with all lists less than 30 % of the factor whatever the number of threads: what each thread
+/// has, and what the big supernodes at hand have besides, stays within a fifth of it (for which their number,
+/// then the number of threads, then the width of the steps gives way), and the plan of the work takes up to
+/// 44 bytes a supernode.
 int super_sparsinv(const supernodal_structure& s, supernodal_factor& f,
                    const progress_function& progress = {});
 

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <numeric>
 
 #include "modblas.hpp"
+#include "modsparse_inv_crew.hpp"
 #include "modsparse_inv_detail.hpp"
 
 namespace zendar::modsparse_inv {
@@ -28,20 +30,42 @@ struct update {
 class left_looking {
   public:
     left_looking(const supernodal_structure& s, const permuted_matrix& m, pivot_rule rule,
-                 supernodal_factor& f, int nthreads, const progress_function& progress)
-        : s_(s), m_(m), rule_(rule), f_(f), single_(nthreads == 1), progress_(progress), space_(nthreads) {
+                 supernodal_factor& f, const progress_function& progress)
+        : s_(s), m_(m), rule_(rule), f_(f), progress_(progress) {
         list_updates();
+        std::int32_t longest = 0;
+        for (std::int32_t k = 0; k < s.nsuper(); ++k) longest = std::max(longest, s.rows(k));
+        // A piece of a product, or one column of a small one.
+        const std::int64_t size = std::max<std::int64_t>(
+            std::int64_t{std::min(longest, tile_rows)} * std::min(longest, tile_columns),
+            std::min<std::int64_t>(longest, small_update));
+        space_.resize(threads_within(workspace_share * static_cast<double>(s.xlnz[s.nsuper()]), 0.0,
+                                     static_cast<double>(size) + 0.5 * s.n));
         for (auto& space : space_) {
             space.map = std::make_unique_for_overwrite<std::int32_t[]>(s.n);
-            space.buffer = std::make_unique_for_overwrite<double[]>(std::size_t{tile_rows} * tile_columns);
+            space.buffer = std::make_unique_for_overwrite<double[]>(size);
         }
     }
 
-    [[nodiscard]] std::span<const double> work() const { return work_; }
+    void factorise() {
+        const tree_schedule schedule(s_.sparent, work_, static_cast<int>(space_.size()));
+        tree_crew crew(schedule);
+        crew_ = &crew;
+        crew.run(tree_crew::direction::up, [this](std::int32_t k) { node(k); });
+        crew_ = nullptr;
+    }
+
     [[nodiscard]] factor_status status() const {
         const std::int32_t column = failed_.load();
         return column == none ? factor_status{} : factor_status{column, pivot_};
     }
+
+  private:
+    static constexpr std::int32_t none = std::numeric_limits<std::int32_t>::max();
+    struct workspace {
+        std::unique_ptr<std::int32_t[]> map;  // of a row within the supernode at hand
+        std::unique_ptr<double[]> buffer;
+    };
 
     void node(std::int32_t k) const noexcept {
         // A failure in an earlier column makes this one pointless; one in a later column does not, so that
@@ -58,21 +82,14 @@ class left_looking {
         factorise(k, tiles);
         report();
     }
-
-  private:
-    static constexpr std::int32_t none = std::numeric_limits<std::int32_t>::max();
-    struct workspace {
-        std::unique_ptr<std::int32_t[]> map;  // of a row within the supernode at hand
-        std::unique_ptr<double[]> buffer;
-    };
-
     const workspace& own_space() const {
-        return space_[single_ ? 0 : static_cast<std::size_t>(omp_get_thread_num())];
+        return space_[space_.size() == 1 ? 0 : static_cast<std::size_t>(omp_get_thread_num())];
     }
     double* block(std::int32_t k) const { return f_.lnz.get() + s_.xlnz[k]; }
 
     void list_updates();
     void scatter(std::int32_t k, std::int32_t* map) const;
+    void each_tile(std::int32_t first, std::int32_t nc, std::int32_t nr, bool shared, const auto& tile) const;
     void update_by_tiles(std::int32_t k, const std::int32_t* map) const;
     void update_tile(std::int32_t k, const std::int32_t* map, std::int32_t c0, std::int32_t c1,
                      std::int32_t r0, std::int32_t r1) const;
@@ -82,7 +99,7 @@ class left_looking {
     void apply_blas(const double* from, std::int64_t ld, std::int32_t depth, const std::int32_t* rows,
                     const std::int32_t* map, std::int32_t nc, std::int32_t row0, std::int32_t nr,
                     double* target, std::int64_t ldt) const;
-    void factorise(std::int32_t k, bool tiles) const;
+    void factorise(std::int32_t k, bool shared) const;
     bool factorise_columns(double* a, std::int64_t ld, std::int32_t nr, std::int32_t nc,
                            std::int32_t column) const;
     bool factorise_diagonal(double* a, std::int64_t ld, std::int32_t n, std::int32_t column) const;
@@ -93,12 +110,12 @@ class left_looking {
     const permuted_matrix& m_;
     const pivot_rule rule_;
     supernodal_factor& f_;
-    const bool single_;
     const progress_function& progress_;
     std::vector<workspace> space_;
     std::vector<std::int64_t> xupdate_;
     std::vector<update> updates_;
     std::vector<double> work_;
+    tree_crew* crew_ = nullptr;
     mutable std::atomic<std::int32_t> failed_ = none;
     mutable double pivot_ = 0.0;
     mutable std::int64_t done_ = 0;
@@ -148,18 +165,30 @@ void left_looking::scatter(std::int32_t k, std::int32_t* map) const {
     }
 }
 
+/// Calls tile(c0, c1, r0, r1) for the tiles of columns [first, nc) from the diagonal down to row nr, by all
+/// idle threads or by this one alone.
+void left_looking::each_tile(std::int32_t first, std::int32_t nc, std::int32_t nr, bool shared,
+                             const auto& tile) const {
+    const auto below = [nr](std::int32_t c0) { return (nr - c0 + tile_rows - 1) / tile_rows; };
+    const auto numbered = [&](std::int32_t number) {
+        std::int32_t c0 = first;
+        for (; number >= below(c0); c0 += tile_columns) number -= below(c0);
+        const std::int32_t r0 = c0 + number * tile_rows;
+        tile(c0, std::min(nc, c0 + tile_columns), r0, std::min(nr, r0 + tile_rows));
+    };
+    std::int32_t count = 0;
+    for (std::int32_t c0 = first; c0 < nc; c0 += tile_columns) count += below(c0);
+    if (shared)
+        crew_->share(count, std::ref(numbered));
+    else
+        for (std::int32_t i = 0; i < count; ++i) numbered(i);
+}
+
 void left_looking::update_by_tiles(std::int32_t k, const std::int32_t* map) const {
-    const std::int32_t nc = s_.columns(k), nr = s_.rows(k);
-    for (std::int32_t c0 = 0; c0 < nc; c0 += tile_columns) {
-        const std::int32_t c1 = std::min(nc, c0 + tile_columns);
-        for (std::int32_t r0 = c0; r0 < nr;) {
-            const std::int32_t r1 = std::min(nr, r0 + tile_rows);
-#pragma omp task default(none) firstprivate(k, map, c0, c1, r0, r1)
-            update_tile(k, map, c0, c1, r0, r1);
-            r0 = r1;
-        }
-    }
-#pragma omp taskwait
+    each_tile(0, s_.columns(k), s_.rows(k), true,
+              [&](std::int32_t c0, std::int32_t c1, std::int32_t r0, std::int32_t r1) {
+                  update_tile(k, map, c0, c1, r0, r1);
+              });
 }
 
 /// Takes from columns [c0, c1) and rows [r0, r1) of supernode k what all supernodes below contribute. A tile
@@ -265,41 +294,34 @@ void left_looking::apply_blas(const double* from, std::int64_t ld, std::int32_t 
 }
 
 /// Dense factorisation of the finished block, by panels of columns.
-void left_looking::factorise(std::int32_t k, bool tiles) const {
-    const std::int32_t nc = s_.columns(k), first = s_.nodes.xsuper[k];
-    const std::int64_t nr = s_.rows(k);
+void left_looking::factorise(std::int32_t k, bool shared) const {
+    const std::int32_t nc = s_.columns(k), nrows = s_.rows(k), first = s_.nodes.xsuper[k];
+    const std::int64_t nr = nrows;
     double* const a = block(k);
     if (nc <= narrow_columns) {
-        factorise_columns(a, nr, static_cast<std::int32_t>(nr), nc, first);
+        factorise_columns(a, nr, nrows, nc, first);
         return;
     }
     for (std::int32_t c0 = 0, c1; c0 < nc; c0 = c1) {
         c1 = std::min(nc, c0 + tile_columns);
         double* const diagonal = a + c0 + c0 * nr;
         if (!factorise_diagonal(diagonal, nr, c1 - c0, first + c0)) return;
-        for (std::int64_t r0 = c1; r0 < nr; r0 += tile_rows) {
-            const std::int64_t r1 = std::min<std::int64_t>(nr, r0 + tile_rows);
-#pragma omp task default(none) firstprivate(a, diagonal, c0, c1, r0, r1, nr, first) if (tiles)
-            {
-                const matrix_view<double> below{a + r0 + c0 * nr, r1 - r0, c1 - c0, nr};
-                blas_dtrsm_right(true, {diagonal, c1 - c0, c1 - c0, nr}, below);
-                if (rule_ == pivot_rule::drop)
-                    for (std::int32_t c = c0; c < c1; ++c)
-                        if (f_.dropped[first + c]) std::fill_n(below.data + (c - c0) * nr, r1 - r0, 0.0);
-            }
-        }
-#pragma omp taskwait
-        for (std::int32_t d0 = c1; d0 < nc; d0 += tile_columns) {
-            const std::int32_t d1 = std::min(nc, d0 + tile_columns);
-            for (std::int64_t r0 = d0; r0 < nr; r0 += tile_rows) {
-                const std::int64_t r1 = std::min<std::int64_t>(nr, r0 + tile_rows);
-#pragma omp task default(none) firstprivate(a, c0, c1, d0, d1, r0, r1, nr) if (tiles)
-                blas_dgemm(false, true, -1.0, {a + r0 + c0 * nr, r1 - r0, c1 - c0, nr},
-                           {a + d0 + c0 * nr, d1 - d0, c1 - c0, nr}, 1.0,
-                           {a + r0 + d0 * nr, r1 - r0, d1 - d0, nr});
-            }
-        }
-#pragma omp taskwait
+        const auto solve_rows = [&](std::int32_t r0, std::int32_t r1) {
+            const matrix_view<double> below{a + r0 + c0 * nr, r1 - r0, c1 - c0, nr};
+            blas_dtrsm_right(true, {diagonal, c1 - c0, c1 - c0, nr}, below);
+            if (rule_ == pivot_rule::drop)
+                for (std::int32_t c = c0; c < c1; ++c)
+                    if (f_.dropped[first + c]) std::fill_n(below.data + (c - c0) * nr, r1 - r0, 0.0);
+        };
+        // One column of tiles: the rows below the diagonal block.
+        each_tile(c1, std::min(nrows, c1 + 1), nrows, shared,
+                  [&](std::int32_t, std::int32_t, std::int32_t r0, std::int32_t r1) { solve_rows(r0, r1); });
+        each_tile(c1, nc, nrows, shared,
+                  [&](std::int32_t d0, std::int32_t d1, std::int32_t r0, std::int32_t r1) {
+                      blas_dgemm(false, true, -1.0, {a + r0 + c0 * nr, r1 - r0, c1 - c0, nr},
+                                 {a + d0 + c0 * nr, d1 - d0, c1 - c0, nr}, 1.0,
+                                 {a + r0 + d0 * nr, r1 - r0, d1 - d0, nr});
+                  });
     }
 }
 
@@ -376,9 +398,8 @@ factor_status super_gsfct(const supernodal_structure& s, const permuted_matrix& 
                           supernodal_factor& f, const progress_function& progress) {
     f.lnz = std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(s.xlnz[s.nsuper()]));
     f.dropped.assign(rule == pivot_rule::drop ? s.n : 0, 0);
-    const int nthreads = omp_in_parallel() ? 1 : omp_get_max_threads();
-    const left_looking kernel(s, m, rule, f, nthreads, progress);
-    tree_schedule(s.sparent, kernel.work(), nthreads).bottom_up([&](std::int32_t k) { kernel.node(k); });
+    left_looking kernel(s, m, rule, f, progress);
+    kernel.factorise();
     f.ndropped = static_cast<std::int32_t>(std::ranges::count(f.dropped, 1));
     return kernel.status();
 }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 
+#include "modsparse_inv_crew.hpp"
 #include "modsparse_inv_detail.hpp"
 
 namespace zendar::modsparse_inv {
@@ -83,7 +84,8 @@ factor_status incomplete_gsfct(const supernodal_structure& s, permuted_matrix& m
     const int nthreads = omp_in_parallel() ? 1 : omp_get_max_threads();
     const incomplete_rows kernel(s, m, nthreads);
     const std::vector<double> work = kernel.work();
-    tree_schedule(s.parent, work, nthreads).bottom_up([&](std::int32_t k) { kernel.row(k); });
+    const tree_schedule schedule(s.parent, work, nthreads);
+    tree_crew(schedule).run(tree_crew::direction::up, [&kernel](std::int32_t k) { kernel.row(k); });
     return kernel.status();
 }
 

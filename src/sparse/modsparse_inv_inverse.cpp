@@ -1,10 +1,12 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <functional>
 #include <mutex>
 #include <new>
 
 #include "modblas.hpp"
+#include "modsparse_inv_crew.hpp"
 #include "modsparse_inv_detail.hpp"
 
 namespace zendar::modsparse_inv {
@@ -15,8 +17,11 @@ namespace {
 constexpr std::int32_t narrow_columns = 4;
 /// Columns of the diagonal block that are finished at a time: less waste above the diagonal.
 constexpr std::int32_t diagonal_columns = 32;
-/// Multiplications from which a step of a supernode is worth splitting into tasks.
+/// Multiplications from which a step of a supernode is shared by the threads, and columns that make it worth.
 constexpr double big_work = 5e6;
+constexpr std::int32_t big_columns = 16;
+/// Work of all supernodes below which further threads do not pay.
+constexpr double least_work = 1e6;
 /// In place of a code of DPOTRI, which are at least 0 here.
 constexpr int out_of_memory = -1;
 
@@ -33,41 +38,57 @@ struct piece {
     [[nodiscard]] double* lower() const { return block + c1 + c0 * ld; }
 };
 
+/// Columns of a step and of a gathered part of Z(C, C), and the work space that they need, in doubles. They
+/// follow from the matrix alone, so that the arithmetic is the same for any number of threads.
+struct step_sizes {
+    std::int32_t tile = tile_columns, gather = gather_columns;
+    std::int64_t y = 0, shared_y = 0, gathered = 0, place = 0;
+
+    static bool is_shared(std::int64_t below, std::int32_t nc) {
+        return static_cast<double>(below) * static_cast<double>(below) * nc > big_work && nc >= big_columns;
+    }
+    [[nodiscard]] double each() const {
+        return static_cast<double>(y + gathered) + 0.5 * static_cast<double>(place);
+    }
+    void measure(const supernodal_structure& s);
+};
+
+void step_sizes::measure(const supernodal_structure& s) {
+    y = shared_y = gathered = place = 0;
+    for (std::int32_t k = 0; k < s.nsuper(); ++k)
+        for (std::int32_t c1 = s.columns(k), c0 = 0; c1 > 0; c1 = c0) {
+            c0 = (c1 - 1) / tile * tile;
+            const std::int32_t nc = c1 - c0;
+            const std::int64_t below = s.rows(k) - c1;
+            std::int64_t& size = is_shared(below, nc) ? shared_y : y;
+            size = std::max(size, below * nc);
+            gathered = std::max(gathered, nc <= narrow_columns ? below : below * gather);
+            place = std::max(place, below);
+        }
+}
+
+/// The widest steps whose work space is a small part of the factor.
+step_sizes choose_sizes(const supernodal_structure& s) {
+    static constexpr std::pair<std::int32_t, std::int32_t> widths[] = {
+        {tile_columns, gather_columns}, {tile_columns, 32}, {64, 32}, {32, 16}, {16, 8}};
+    const double most = workspace_share * static_cast<double>(s.xlnz[s.nsuper()]);
+    step_sizes sizes;
+    for (const auto& [tile, gather] : widths) {
+        sizes.tile = tile;
+        sizes.gather = gather;
+        sizes.measure(s);
+        if (sizes.each() + static_cast<double>(sizes.shared_y) <= most) break;
+    }
+    return sizes;
+}
+
 class selected_inverse {
   public:
-    selected_inverse(const supernodal_structure& s, supernodal_factor& f, int nthreads,
-                     const progress_function& progress)
-        : s_(s), f_(f), single_(nthreads == 1), progress_(progress), space_(nthreads) {
-        std::int64_t longest = 0;
-        for (std::int32_t k = 0; k < s.nsuper(); ++k) longest = std::max<std::int64_t>(longest, s.rows(k));
-        for (auto& space : space_) {
-            space.y = std::make_unique_for_overwrite<double[]>(longest * tile_columns);
-            space.gathered = std::make_unique_for_overwrite<double[]>(longest * gather_columns);
-            space.place = std::make_unique_for_overwrite<std::int32_t[]>(longest);
-        }
-    }
+    selected_inverse(const supernodal_structure& s, supernodal_factor& f, const progress_function& progress)
+        : s_(s), f_(f), progress_(progress), sizes_(choose_sizes(s)) {}
 
-    [[nodiscard]] std::vector<double> work() const {
-        std::vector<double> w(s_.nsuper());
-        for (std::int32_t k = 0; k < s_.nsuper(); ++k) {
-            const double nr = s_.rows(k), nc = s_.columns(k);
-            w[k] = 100.0 + nr * nr * (nc + 1.0);
-        }
-        return w;
-    }
-    [[nodiscard]] int code() const { return code_; }
-
-    void node(std::int32_t k) const noexcept {
-        if (failed_.load(std::memory_order_relaxed)) return;
-        const std::int32_t nc = s_.columns(k);
-        const auto rows = s_.rows_of(k);
-        for (std::int32_t c1 = nc; c1 > 0;) {
-            const std::int32_t c0 = (c1 - 1) / tile_columns * tile_columns;
-            step({k, c0, c1, s_.rows(k) - c1, rows.data() + c1, f_.lnz.get() + s_.xlnz[k], s_.rows(k)});
-            c1 = c0;
-        }
-        report();
-    }
+    /// @returns 0, a code of DPOTRI or `out_of_memory`.
+    int invert();
 
   private:
     struct workspace {
@@ -80,8 +101,9 @@ class selected_inverse {
     };
 
     const workspace& own_space() const {
-        return space_[single_ ? 0 : static_cast<std::size_t>(omp_get_thread_num())];
+        return space_[space_.size() == 1 ? 0 : static_cast<std::size_t>(omp_get_thread_num())];
     }
+    void node(std::int32_t k) const noexcept;
     run run_at(const piece& p, std::int32_t first) const {
         const std::int32_t node = s_.snode[p.rows[first]], end = s_.nodes.xsuper[node + 1];
         std::int32_t last = first + 1;
@@ -94,27 +116,71 @@ class selected_inverse {
 
     void step(const piece& p) const;
     void separate_dropped(const piece& p) const;
-    void solve_by_rows(const piece& p, double* y) const;
+    void solve_rows(const piece& p, double* y, std::int32_t r0, std::int32_t r1) const;
     void multiply_narrow(const piece& p, const double* y) const;
     void multiply(const piece& p, const double* y) const;
-    void multiply_by_rows(const piece& p, const double* y) const;
     void multiply_rows(const piece& p, const double* y, std::int32_t first, std::int32_t last) const;
     bool locate(const piece& p, std::int32_t node, std::int32_t first, std::int32_t* place) const;
-    void add_to_diagonal(const piece& p, const double* y, std::int32_t c0) const;
-    void invert_diagonal(const piece& p, const double* y, bool tasks) const;
+    void add_to_diagonal(const piece& p, const double* y, std::int32_t c0, std::int32_t c1) const;
+    void invert_diagonal(const piece& p, const double* y, bool shared) const;
+    /// work(first, last) for parts of [0, n), by all threads that are idle.
+    void share(std::int32_t n, std::int32_t part, const auto& work) const {
+        const auto block = [&](std::int32_t b) { work(b * part, std::min(n, (b + 1) * part)); };
+        crew_->share((n + part - 1) / part, std::ref(block));
+    }
     void fail(int code) const;
     void report() const;
 
     const supernodal_structure& s_;
     supernodal_factor& f_;
-    const bool single_;
     const progress_function& progress_;
-    std::vector<workspace> space_;
+    const step_sizes sizes_;
+    std::vector<workspace> space_;  // of the threads
+    tree_crew* crew_ = nullptr;
     mutable std::atomic<bool> failed_ = false;
     mutable int code_ = 0;
     mutable std::int64_t done_ = 0;
     mutable std::mutex guard_;
 };
+
+int selected_inverse::invert() {
+    const std::int32_t nsuper = s_.nsuper();
+    const double most = workspace_share * static_cast<double>(s_.xlnz[nsuper]);
+    const auto shared = static_cast<double>(sizes_.shared_y);
+    std::vector<double> work(nsuper);
+    std::vector<char> demanding(nsuper, 0);
+    double total = 0.0;
+    for (std::int32_t k = 0; k < nsuper; ++k) {
+        const double nr = s_.rows(k), nc = s_.columns(k);
+        total += work[k] = 100.0 + nr * nr * (nc + 1.0);
+        demanding[k] = work[k] > big_work ? 1 : 0;
+    }
+    const int nthreads = total < least_work ? 1 : threads_within(most, shared, sizes_.each());
+    space_.resize(nthreads);
+    for (auto& space : space_) {
+        space.y = std::make_unique_for_overwrite<double[]>(sizes_.y);
+        space.gathered = std::make_unique_for_overwrite<double[]>(sizes_.gathered);
+        space.place = std::make_unique_for_overwrite<std::int32_t[]>(std::max<std::int64_t>(sizes_.place, 1));
+    }
+    const double left = most - nthreads * sizes_.each(), slots = shared > 0.0 ? left / shared : nthreads;
+    const tree_schedule schedule(s_.sparent, work, nthreads, big_work);
+    work = {};
+    tree_crew crew(schedule, demanding, static_cast<int>(std::clamp<double>(slots, 1.0, nthreads)));
+    crew_ = &crew;
+    crew.run(tree_crew::direction::down, [this](std::int32_t k) { node(k); });
+    crew_ = nullptr;
+    return code_;
+}
+
+void selected_inverse::node(std::int32_t k) const noexcept {
+    if (failed_.load(std::memory_order_relaxed)) return;
+    const auto rows = s_.rows_of(k);
+    for (std::int32_t c1 = s_.columns(k), c0 = 0; c1 > 0; c1 = c0) {
+        c0 = (c1 - 1) / sizes_.tile * sizes_.tile;
+        step({k, c0, c1, s_.rows(k) - c1, rows.data() + c1, f_.lnz.get() + s_.xlnz[k], s_.rows(k)});
+    }
+    report();
+}
 
 /// A dropped column of L is a unit vector; with its row cleared inside the block the rest is inverted as if
 /// it were not there. Outside the block its row meets zeros of the inverse only.
@@ -128,24 +194,23 @@ void selected_inverse::separate_dropped(const piece& p) const {
 void selected_inverse::step(const piece& p) const {
     separate_dropped(p);
     const std::int32_t nc = p.columns();
-    const double work = static_cast<double>(p.below) * p.below * nc;
-    const bool tasks = work > big_work && nc >= 16;
-    // While this waits for its tasks, the thread may do another supernode: then y has to be its own.
-    std::unique_ptr<double[]> own;
-    if (tasks) {
+    const bool shared = step_sizes::is_shared(p.below, nc);
+    std::unique_ptr<double[]> own;  // too big to be kept for every thread
+    if (shared) {
         own.reset(new (std::nothrow) double[static_cast<std::size_t>(p.below) * nc]);
         if (own == nullptr) {
             fail(out_of_memory);
             return;
         }
     }
-    double* const y = tasks ? own.get() : own_space().y.get();
+    double* const y = shared ? own.get() : own_space().y.get();
     if (p.below > 0) {
         for (std::int32_t j = 0; j < nc; ++j)
             std::copy_n(p.lower() + j * p.ld, p.below, y + std::int64_t{j} * p.below);
-        if (tasks) {
-            solve_by_rows(p, y);
-            multiply_by_rows(p, y);
+        if (shared) {
+            share(p.below, tile_rows, [&](std::int32_t r0, std::int32_t r1) { solve_rows(p, y, r0, r1); });
+            share(p.below, sizes_.gather,
+                  [&](std::int32_t r0, std::int32_t r1) { multiply_rows(p, y, r0, r1); });
         } else {
             blas_dtrsm_right(false, {p.diagonal(), nc, nc, p.ld}, {y, p.below, nc, p.below});
             if (nc <= narrow_columns) {
@@ -155,7 +220,7 @@ void selected_inverse::step(const piece& p) const {
             }
         }
     }
-    invert_diagonal(p, y, tasks);
+    invert_diagonal(p, y, shared);
 }
 
 /// Where the rows C[first...] stand in the supernode `node`, which has them all. @returns whether they
@@ -182,15 +247,10 @@ bool selected_inverse::locate(const piece& p, std::int32_t node, std::int32_t fi
     return place[wanted - 1] - begin == wanted - 1;
 }
 
-/// Y = L(C) L(J)^-1, a task for some rows.
-void selected_inverse::solve_by_rows(const piece& p, double* y) const {
-#pragma omp taskgroup
-    for (std::int32_t r0 = 0; r0 < p.below; r0 += tile_rows) {
-        const std::int32_t r1 = std::min(p.below, r0 + tile_rows);
-#pragma omp task default(none) firstprivate(p, y, r0, r1)
-        blas_dtrsm_right(false, {p.diagonal(), p.columns(), p.columns(), p.ld},
-                         {y + r0, r1 - r0, p.columns(), p.below});
-    }
+/// Y = L(C) L(J)^-1 for some rows.
+void selected_inverse::solve_rows(const piece& p, double* y, std::int32_t r0, std::int32_t r1) const {
+    blas_dtrsm_right(false, {p.diagonal(), p.columns(), p.columns(), p.ld},
+                     {y + r0, r1 - r0, p.columns(), p.below});
 }
 
 /// Z(C, J) = -Z(C, C) Y for few columns: every column of Z(C, C) is used where it stands.
@@ -242,7 +302,7 @@ void selected_inverse::multiply(const piece& p, const double* y) const {
     double* const x = p.lower();
     for (std::int32_t t = 0; t < nc; ++t) std::fill_n(x + t * p.ld, r, 0.0);
     for (std::int32_t c0 = 0, c1; c0 < r; c0 = c1) {
-        c1 = std::min(r, c0 + gather_columns);
+        c1 = std::min(r, c0 + sizes_.gather);
         const std::int32_t width = c1 - c0;
         const double* z = space.gathered.get();
         std::int64_t ldz = r - c0;
@@ -277,16 +337,7 @@ void selected_inverse::multiply(const piece& p, const double* y) const {
     }
 }
 
-/// The same with a task for some rows of the result, which needs each element of Z(C, C) twice.
-void selected_inverse::multiply_by_rows(const piece& p, const double* y) const {
-#pragma omp taskgroup
-    for (std::int32_t r0 = 0; r0 < p.below; r0 += gather_columns) {
-        const std::int32_t r1 = std::min(p.below, r0 + gather_columns);
-#pragma omp task default(none) firstprivate(p, y, r0, r1)
-        multiply_rows(p, y, r0, r1);
-    }
-}
-
+/// The same for some rows of the result, which needs each element of Z(C, C) twice.
 void selected_inverse::multiply_rows(const piece& p, const double* y, std::int32_t r0,
                                      std::int32_t r1) const {
     const workspace& space = own_space();
@@ -316,15 +367,16 @@ void selected_inverse::multiply_rows(const piece& p, const double* y, std::int32
     blas_dgemm(true, false, -1.0, {z, r, width, r}, {y, r, nc, r}, 0.0, {p.lower() + r0, width, nc, p.ld});
 }
 
-/// Z(J, J) -= Y' Z(C, J) for some columns from c0 on, from the diagonal down.
-void selected_inverse::add_to_diagonal(const piece& p, const double* y, std::int32_t c0) const {
-    const std::int32_t nc = p.columns(), r = p.below, c1 = std::min(nc, c0 + diagonal_columns);
+/// Z(J, J) -= Y' Z(C, J) for some columns, from the diagonal down.
+void selected_inverse::add_to_diagonal(const piece& p, const double* y, std::int32_t c0,
+                                       std::int32_t c1) const {
+    const std::int32_t nc = p.columns(), r = p.below;
     blas_dgemm(true, false, -1.0, {y + std::int64_t{c0} * r, r, nc - c0, r},
                {p.lower() + c0 * p.ld, r, c1 - c0, p.ld}, 1.0,
                {p.diagonal() + c0 + c0 * p.ld, nc - c0, c1 - c0, p.ld});
 }
 
-void selected_inverse::invert_diagonal(const piece& p, const double* y, bool tasks) const {
+void selected_inverse::invert_diagonal(const piece& p, const double* y, bool shared) const {
     const std::int32_t nc = p.columns(), r = p.below;
     double* const d = p.diagonal();
     if (nc == 1 && d[0] != 0.0) {
@@ -337,15 +389,12 @@ void selected_inverse::invert_diagonal(const piece& p, const double* y, bool tas
             fail(info);
             return;
         }
-        if (tasks) {
-#pragma omp taskgroup
-            for (std::int32_t c0 = 0; c0 < nc; c0 += diagonal_columns) {
-#pragma omp task default(none) firstprivate(p, y, c0)
-                add_to_diagonal(p, y, c0);
-            }
-        } else {
-            for (std::int32_t c0 = 0; c0 < nc && r > 0; c0 += diagonal_columns) add_to_diagonal(p, y, c0);
-        }
+        const auto add = [&](std::int32_t c0, std::int32_t c1) { add_to_diagonal(p, y, c0, c1); };
+        if (shared)
+            share(nc, diagonal_columns, add);
+        else
+            for (std::int32_t c0 = 0; c0 < nc && r > 0; c0 += diagonal_columns)
+                add(c0, std::min(nc, c0 + diagonal_columns));
     }
     if (f_.dropped.empty()) return;
     for (std::int32_t j = 0; j < nc; ++j)
@@ -367,12 +416,9 @@ void selected_inverse::report() const {
 }  // namespace
 
 int super_sparsinv(const supernodal_structure& s, supernodal_factor& f, const progress_function& progress) {
-    const int nthreads = omp_in_parallel() ? 1 : omp_get_max_threads();
-    const selected_inverse kernel(s, f, nthreads, progress);
-    const std::vector<double> work = kernel.work();
-    tree_schedule(s.sparent, work, nthreads).top_down([&](std::int32_t k) { kernel.node(k); });
-    if (kernel.code() == out_of_memory) throw std::bad_alloc();
-    return kernel.code();
+    const int code = selected_inverse(s, f, progress).invert();
+    if (code == out_of_memory) throw std::bad_alloc();
+    return code;
 }
 
 }  // namespace zendar::modsparse_inv

@@ -6,7 +6,8 @@
 
 namespace zendar::modsparse_inv {
 
-tree_schedule::tree_schedule(std::span<const std::int32_t> parent, std::span<const double> work, int nthreads)
+tree_schedule::tree_schedule(std::span<const std::int32_t> parent, std::span<const double> work, int nthreads,
+                             double most)
     : nthreads_(nthreads), parent_(parent) {
     const auto n = static_cast<std::int32_t>(parent.size());
     if (nthreads_ == 1) return;  // plain loops need no plan
@@ -22,30 +23,27 @@ tree_schedule::tree_schedule(std::span<const std::int32_t> parent, std::span<con
             total += below[i];
         }
     }
-    const double small = total / (16.0 * nthreads_);
+    const double small = std::min(total / (16.0 * nthreads_), most);
 
-    batch_of_.assign(n, -1);
+    is_single_.assign(n, 0);
     nchildren_.assign(n, 0);
     double load = 0.0;
     for (std::int32_t i = 0; i < n; ++i) {
         const bool is_small = below[i] <= small;
+        is_single_[i] = is_small ? 0 : 1;
+        nsingle_ += is_single_[i];
         if (is_small && (parent[i] < 0 || below[parent[i]] > small)) {
             const std::int32_t first = i - size[i] + 1;
-            const auto at = static_cast<std::int32_t>(roots_.size());
             if (batches_.empty() || batches_.back().last != first || batches_.back().parent != parent[i] ||
                 load + below[i] > small) {
-                batches_.push_back({first, first, parent[i], -1, at, at});
+                batches_.push_back({first, first, parent[i], -1, 0});
                 load = 0.0;
             }
             load += below[i];
-            roots_.push_back(i);
             batches_.back().last = i + 1;
-            batches_.back().end_root = at + 1;
-            const auto b = static_cast<std::int32_t>(batches_.size()) - 1;
-            std::fill(batch_of_.begin() + first, batch_of_.begin() + i + 1, b);
+            ++batches_.back().subtrees;
         }
         if (parent[i] >= 0 && below[parent[i]] > small) ++nchildren_[parent[i]];
-        if (!is_small && nchildren_[i] == 0) leaves_.push_back(i);
     }
 
     first_batch_.assign(n, -1);
@@ -53,7 +51,7 @@ tree_schedule::tree_schedule(std::span<const std::int32_t> parent, std::span<con
         if (const std::int32_t p = batches_[b].parent; p >= 0)
             batches_[b].next = std::exchange(first_batch_[p], b);
     xchild_.assign(n + 1, 0);
-    const auto single_child = [&](std::int32_t i) { return parent[i] >= 0 && batch_of_[i] < 0; };
+    const auto single_child = [&](std::int32_t i) { return parent[i] >= 0 && is_single_[i] != 0; };
     for (std::int32_t i = 0; i < n; ++i)
         if (single_child(i)) ++xchild_[parent[i] + 1];
     std::partial_sum(xchild_.begin(), xchild_.end(), xchild_.begin());

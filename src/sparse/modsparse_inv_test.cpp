@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <numeric>
 #include <random>
 
 #include "modspainv_test_support.hpp"
+#include "modsparse_inv_crew.hpp"
 
 namespace zendar::modsparse_inv {
 namespace {
@@ -119,6 +121,57 @@ TEST(SuperSparsinv, ReturnsTheErrorCodeOfDpotriForAFactorWithAZeroOnItsDiagonal)
         EXPECT_EQ(super_sparsinv(s, f), nc);
     }
 }
+
+class TreeCrew : public ::testing::TestWithParam<std::tuple<int, tree_crew::direction>> {};
+
+TEST_P(TreeCrew, RunsEachNodeOnceInOrderAndFewDemandingOnesTogether) {
+    const auto [nthreads, way] = GetParam();
+    for (std::uint32_t seed = 1; seed <= 20; ++seed) {
+        std::mt19937 random(seed);
+        // A postordered forest: each new node takes the last few roots as its children.
+        const std::int32_t n = 1 + static_cast<std::int32_t>(random() % 600);
+        std::vector<std::int32_t> parent(n, -1), roots;
+        std::vector<double> work(n);
+        std::vector<char> demanding(n);
+        for (std::int32_t i = 0; i < n; ++i) {
+            const std::size_t children = std::min<std::size_t>(roots.size(), random() % (seed % 4 + 1));
+            for (std::size_t c = 0; c < children; ++c) parent[roots[roots.size() - 1 - c]] = i;
+            roots.resize(roots.size() - children);
+            roots.push_back(i);
+            work[i] = random() % 5 == 0 ? 1000.0 : 1.0;
+            demanding[i] = work[i] > 500.0 ? 1 : 0;
+        }
+        const int most_demanding = 1 + static_cast<int>(seed % 2);
+        std::vector<std::atomic<int>> runs(n), blocks(n);
+        std::atomic<int> demanding_now = 0, most_now = 0, early = 0;
+        const tree_schedule schedule(parent, work, nthreads, 500.0);
+        tree_crew crew(schedule, demanding, most_demanding);
+
+        crew.run(way, [&, way = way](std::int32_t i) {
+            // Its parent must be done on the way down, and must not have begun on the way up.
+            if (parent[i] >= 0 && (runs[parent[i]] == 0) == (way == tree_crew::direction::down)) ++early;
+            if (demanding[i] != 0) {
+                const int now = ++demanding_now;
+                for (int most = most_now; most < now && !most_now.compare_exchange_weak(most, now);) {
+                }
+                crew.share(7, [&](std::int32_t) { ++blocks[i]; });
+                --demanding_now;
+            }
+            ++runs[i];
+        });
+
+        EXPECT_EQ(early, 0);
+        EXPECT_LE(most_now, most_demanding);
+        for (std::int32_t i = 0; i < n; ++i) {
+            ASSERT_EQ(runs[i], 1) << i;
+            ASSERT_EQ(blocks[i], demanding[i] != 0 ? 7 : 0) << i;
+        }
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Threads, TreeCrew,
+                         ::testing::Combine(::testing::Values(1, 2, 3, 8),
+                                            ::testing::Values(tree_crew::direction::up,
+                                                              tree_crew::direction::down)));
 
 }  // namespace
 }  // namespace zendar::modsparse_inv

@@ -1,9 +1,11 @@
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <random>
 
 #include "modsparse.hpp"
 #include "modsparse_test_support.hpp"
+#include "program_run.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar::test {
@@ -327,6 +329,7 @@ void load_and_use(const std::filesystem::path& path, const std::filesystem::path
 }
 
 class DamagedFile : public ::testing::TestWithParam<format> {};
+class SavedFile : public ::testing::TestWithParam<format> {};
 
 TEST_P(DamagedFile, IsRefusedWhenItEndsEarlyOrLate) {
     const temporary_directory directory;
@@ -340,6 +343,47 @@ TEST_P(DamagedFile, IsRefusedWhenItEndsEarlyOrLate) {
     }
     directory.write("b", bytes + '\0');
     expect_fatal([&] { GetParam().load(directory / "b", directory / "c"); }, GetParam().refusal);
+}
+
+/// The number of elements and, in the coordinate store's file, the number of slots behind it.
+TEST_P(DamagedFile, IsRefusedWithHugeSizes) {
+    const temporary_directory directory;
+    for (const std::int32_t n : {0, 1, 6}) {
+        GetParam().save(random_coo(n, n, true), directory / "a");
+        const std::string bytes = directory.read("a");
+        for (std::size_t offset = 12; offset + 8 < GetParam().head; offset += 8) {
+            for (const std::int64_t size :
+                 {std::int64_t{1} << 31, std::int64_t{1} << 32, std::int64_t{1} << 60, std::int64_t{1} << 61,
+                  std::int64_t{1} << 62, std::numeric_limits<std::int64_t>::max(),
+                  std::numeric_limits<std::int64_t>::min(), std::int64_t{-1}}) {
+                SCOPED_TRACE(testing::Message() << n << ' ' << offset << ' ' << size);
+                std::string changed = bytes;
+                overwrite(changed, offset, size);
+                directory.write("b", changed);
+                expect_fatal([&] { GetParam().load(directory / "b", directory / "c"); }, GetParam().refusal);
+            }
+        }
+    }
+}
+
+/// Another program loads a file and saves it again, which gives the same bytes.
+TEST_P(SavedFile, IsReadBackByteForByteInASecondProcess) {
+    const temporary_directory directory;
+    for (const std::int32_t n : {0, 1, 60}) {
+        const coosparse coo = random_coo(n, n, true);
+        GetParam().save(coo, directory / "a");
+
+        const program_result copied =
+            run_program(directory.path(), {GetParam().name, "a", "b"}, ZENDAR_SPARSE_COPY);
+
+        ASSERT_EQ(copied.status, 0) << copied.error;
+        EXPECT_EQ(directory.read("a"), directory.read("b"));
+        std::string values;
+        for (std::int32_t i = 1; i <= n; ++i)
+            for (std::int32_t j = 1; j <= n; ++j)
+                if (coo.get(i, j) != 0.0) append(values, coo.get(i, j));
+        EXPECT_EQ(directory.read("b.values"), values);
+    }
 }
 
 /// A changed byte gives either the family's error or, among the values, another sound matrix.
@@ -375,6 +419,8 @@ const format formats[] = {
      load_and_use<crssparse64>, not_crs64, 24},
 };
 INSTANTIATE_TEST_SUITE_P(AllFormats, DamagedFile, ::testing::ValuesIn(formats),
+                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(AllFormats, SavedFile, ::testing::ValuesIn(formats),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(Save, NamesAFileThatCannotBeWritten) {

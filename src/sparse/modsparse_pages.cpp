@@ -9,7 +9,7 @@ namespace zendar::detail {
 namespace {
 
 constexpr std::size_t page = std::size_t{2} << 20;
-constexpr std::size_t smallest_mapping = 2 * page;
+constexpr std::size_t smallest_mapping = page;
 
 std::size_t whole_pages(std::size_t bytes) {
     return (bytes + page - 1) / page * page;

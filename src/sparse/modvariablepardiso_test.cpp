@@ -73,7 +73,8 @@ struct spectrum {
     std::vector<double> values;
     double largest = 0.0;
 
-    explicit spectrum(matrix<double> m) : vectors(std::move(m)), values(static_cast<std::size_t>(vectors.rows())) {
+    explicit spectrum(matrix<double> m)
+        : vectors(std::move(m)), values(static_cast<std::size_t>(vectors.rows())) {
         EXPECT_EQ(lapack_dsyevd_vectors(vectors.view(), values), 0);
         for (const double v : values) largest = std::max(largest, std::abs(v));
     }
@@ -289,7 +290,8 @@ TEST(DirectSolverDefect, TellsWhatAndWhere) {
     EXPECT_EQ(defect({2, 2, ia, twice, a}), "the columns are not sorted in row 1");
     EXPECT_EQ(defect({2, 2, ia, lower, a}), "an element below the diagonal is stored in row 2");
     EXPECT_EQ(defect({2, 2, short_ia, short_ja, one}), "no diagonal element is stored in row 2");
-    for (const double bad : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
+    for (const double bad :
+         {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
         const std::vector<double> values{1.0, bad, 3.0};
         EXPECT_EQ(defect({2, 2, ia, sorted, values}), "an element is not a finite number in row 1");
     }
@@ -305,6 +307,29 @@ TEST(EliminationPlaces, TakesMinimumDegreeForGraphsBeyondMetis) {
         EXPECT_GE(places[0], 49);
         std::ranges::sort(places);
         for (std::int32_t i = 0; i < 50; ++i) EXPECT_EQ(places[i], i + 1);
+    }
+}
+
+TEST(EliminationPlaces, ServeTheSolverWhicheverWayTheyAreFound) {
+    std::mt19937 generator(5);
+    matrix<double> a = random_symmetric(120, kind::definite, generator);
+    const upper_rows<std::int64_t> rows(a);
+    matrix<double> cause(120, 1, 1.0), y(120, 1), x(120, 1);
+    blas_dgemm(false, false, 1.0, a.view(), cause.view(), 0.0, y.view());
+    for (const std::int64_t most_entries : {std::int64_t{1} << 31, std::int64_t{0}}) {
+        const std::vector<std::int32_t> places =
+            detail::elimination_places(rows.view(), most_entries, nullptr);
+        std::vector<std::int32_t> perm(120);
+        for (std::int32_t i = 0; i < 120; ++i) perm[places[i] - 1] = i + 1;
+        pardiso_variable control;
+        pardisoinit(control, true);
+
+        pardiso(control, 12, rows.view(), perm, {}, {}, nullptr);
+        pardiso(control, 33, rows.view(), perm, y.view(), x.view(), nullptr);
+
+        ASSERT_EQ(control.error, 0);
+        EXPECT_LT(control.nfactor, 120 * 121 / 2);
+        for (const double v : x.values()) EXPECT_NEAR(v, 1.0, 1e-10);
     }
 }
 

@@ -3,9 +3,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
 #include <chrono>
 #include <csignal>
-#include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -23,39 +23,62 @@ struct program_result {
     std::string out, error;
 };
 
-/// Runs the program in a directory, with its output in files of that directory's own, for 60 seconds at most.
-inline program_result run_program(const std::filesystem::path& directory, const std::vector<std::string>& arguments,
-                                  const std::string& program = ZENDAR_BINARY) {
-    const temporary_directory capture;
-    const std::string out = capture / "out", error = capture / "error";
-    const pid_t child = fork();
-    if (child < 0) throw std::runtime_error("fork failed");
-    if (child == 0) {
-        const int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int error_fd = open(error.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (chdir(directory.c_str()) != 0 || dup2(out_fd, 1) < 0 || dup2(error_fd, 2) < 0) _exit(126);
-        std::vector<char*> words{const_cast<char*>(program.c_str())};
-        for (const auto& word : arguments) words.push_back(const_cast<char*>(word.c_str()));
-        words.push_back(nullptr);
-        execv(program.c_str(), words.data());
-        _exit(127);
-    }
-    program_result result;
-    using namespace std::chrono;
-    const auto limit = steady_clock::now() + seconds(60);
-    int status = 0;
-    while (waitpid(child, &status, WNOHANG) == 0) {
-        if (steady_clock::now() > limit) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-            return result;
+/// The real program, running in a directory, with its output in files of that directory's own.
+class running_program {
+  public:
+    running_program(const std::filesystem::path& directory, const std::vector<std::string>& arguments,
+                    const std::string& program = ZENDAR_BINARY) {
+        const std::string out = capture_ / "out", error = capture_ / "error";
+        child_ = fork();
+        if (child_ < 0) throw std::runtime_error("fork failed");
+        if (child_ == 0) {
+            const int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int error_fd = open(error.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (chdir(directory.c_str()) != 0 || dup2(out_fd, 1) < 0 || dup2(error_fd, 2) < 0) _exit(126);
+            std::vector<char*> words{const_cast<char*>(program.c_str())};
+            for (const auto& word : arguments) words.push_back(const_cast<char*>(word.c_str()));
+            words.push_back(nullptr);
+            execv(program.c_str(), words.data());
+            _exit(127);
         }
-        std::this_thread::sleep_for(milliseconds(2));
     }
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = capture.read("out");
-    result.error = capture.read("error");
-    return result;
+    ~running_program() {
+        if (child_ > 0) {
+            kill(child_, SIGKILL);
+            waitpid(child_, nullptr, 0);
+        }
+    }
+    running_program(const running_program&) = delete;
+    running_program& operator=(const running_program&) = delete;
+
+    void send(int signal) const { kill(child_, signal); }
+    /// Waits for the end, 60 seconds at most.
+    program_result wait() {
+        program_result result;
+        using namespace std::chrono;
+        const auto limit = steady_clock::now() + seconds(60);
+        int status = 0;
+        while (waitpid(child_, &status, WNOHANG) == 0) {
+            if (steady_clock::now() > limit) return result;
+            std::this_thread::sleep_for(milliseconds(2));
+        }
+        child_ = -1;
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        result.out = capture_.read("out");
+        result.error = capture_.read("error");
+        return result;
+    }
+
+  private:
+    temporary_directory capture_;
+    pid_t child_ = -1;
+};
+
+/// Runs the program to its end.
+inline program_result run_program(const std::filesystem::path& directory,
+                                  const std::vector<std::string>& arguments,
+                                  const std::string& program = ZENDAR_BINARY) {
+    return running_program(directory, arguments, program).wait();
 }
 
 /// Log text without the line breaks that the width of 82 columns brought in.

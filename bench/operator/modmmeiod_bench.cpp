@@ -1,0 +1,156 @@
+// One product with the least-squares part by iteration on data, beside the time of streaming its bytes at the
+// bandwidth measured in the same run ("of_floor").
+//
+// Bytes per record: 4 for each row of the levels and for the combination, 8 for each weight, and, since the
+// records are sorted by the effect with the most equations, 8 for each of its equations in x and 24 in r
+// (zeroed, read and written), divided by the records of a level. The other effects stay in the caches.
+//
+//   A  1 trait, class effects of 10, 50,000 and 1,000,000 levels
+//   B  3 traits, 40 % missing, weights, the same effects and a covariate
+//   C  2 traits, a class effect and a random regression of order 3 with 5 records of each of 200,000 levels
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <memory>
+#include <random>
+
+#include "bench_floor.hpp"
+#include "modenum.hpp"
+#include "modmmeiod.hpp"
+
+namespace zendar {
+namespace {
+
+constexpr std::int64_t nrec = 1000000;
+
+struct bench_model {
+    param_type param;
+    phenotype_data data;
+    std::vector<covariable_type> cov;
+    double bytes = 0.0;  ///< of one product
+};
+
+struct bench_effect {
+    std::int32_t nlevel, ncov, nnest;
+};
+
+void set_effects(bench_model& m, std::int32_t ntrait, const std::vector<bench_effect>& effects,
+                 bool weights) {
+    logger silent;
+    param_type& p = m.param;
+    p.ntrait = ntrait;
+    p.neffect = static_cast<std::int32_t>(effects.size());
+    allocpar(p);
+    p.nweight = weights ? ntrait : 0;
+    p.n_residual_cov = 1;
+    m.cov.resize(effects.size());
+    for (std::int32_t e = 0; e < p.neffect; ++e) {
+        const bench_effect& effect = effects[e];
+        p.type_effect[e] = effect.ncov > 0 ? teff_covariable : teff_class;
+        p.n_level[e] = effect.nlevel;
+        p.n_cov[e] = std::max(effect.ncov, 1);
+        p.n_level_nested[e] = effect.nnest;
+        for (std::int32_t t = 0; t < ntrait; ++t) {
+            p.pos_effects(t, e) = 1 + e;
+            p.present(t, e) = 1;
+            p.pos_nested2(t, e) = 0;
+            if (effect.nnest > 0) {
+                p.nnested = 1;
+                p.pos_nested2(t, e) = p.neffect + 1;
+            }
+        }
+        p.andeffect.resize(p.neffect);
+        if (effect.ncov > 0) {
+            std::vector<std::int32_t> rows(effect.nlevel);
+            std::iota(rows.begin(), rows.end(), 1);
+            m.cov[e] = covariable_type(std::move(rows), matrix<double>(effect.ncov, effect.nlevel, 0.5));
+        }
+    }
+    setsumlevel(p, silent);
+    p.neq = static_cast<std::int32_t>(p.ntrait * p.sumlevel[p.neffect + 2]);
+    m.data.effect = matrix<std::int32_t>(p.neffect + p.nnested + 1, nrec, 1);
+    m.data.combitrait.assign(nrec, 1);
+    if (weights) m.data.weight = matrix<double>(ntrait, nrec, 1.5);
+    matrix<double> r(ntrait, ntrait);
+    for (std::int32_t t = 0; t < ntrait; ++t) r(t, t) = 2.0;
+    p.r.assign(1, r);
+    p.combination = {(std::int64_t{1} << ntrait) - 1};
+    p.ncombination = 1;
+}
+
+bench_model make_model(char name) {
+    bench_model m;
+    std::mt19937 random(1);
+    const auto level = [&](std::int32_t n) {
+        return std::uniform_int_distribution<std::int32_t>(1, n)(random);
+    };
+    if (name == 'A') {
+        set_effects(m, 1, {{10, 0, 0}, {50000, 0, 0}, {1000000, 0, 0}}, false);
+        for (std::int64_t i = 0; i < nrec; ++i) {
+            m.data.effect(0, i) = level(10);
+            m.data.effect(1, i) = level(50000);
+            m.data.effect(2, i) = static_cast<std::int32_t>(i + 1);
+        }
+        m.bytes = nrec * (4.0 * 5 + 32.0);
+    } else if (name == 'B') {
+        set_effects(m, 3, {{10, 0, 0}, {50000, 0, 0}, {1000, 1, 0}, {1000000, 0, 0}}, true);
+        m.param.combination.clear();
+        for (std::int64_t k = 1; k < 8; ++k) m.param.combination.push_back(k);
+        m.param.ncombination = 7;
+        for (std::int64_t i = 0; i < nrec; ++i) {
+            m.data.effect(0, i) = level(10);
+            m.data.effect(1, i) = level(50000);
+            m.data.effect(2, i) = level(1000);
+            m.data.effect(3, i) = static_cast<std::int32_t>(i + 1);
+            m.data.combitrait[i] = level(7);
+        }
+        m.bytes = nrec * (4.0 * 6 + 24.0 + 3 * 32.0);
+    } else {
+        set_effects(m, 2, {{1000, 0, 0}, {305, 3, 200000}}, false);
+        for (std::int64_t i = 0; i < nrec; ++i) {
+            m.data.effect(0, i) = level(1000);
+            m.data.effect(1, i) = level(305);
+            m.data.effect(2, i) = static_cast<std::int32_t>(i / 5 + 1);
+        }
+        m.bytes = nrec * (4.0 * 5 + 6 * 32.0 / 5);
+    }
+    return m;
+}
+
+bench_model& model_of(std::int64_t name) {
+    static std::map<std::int64_t, std::unique_ptr<bench_model>> models;
+    auto& model = models[name];
+    if (model == nullptr) model = std::make_unique<bench_model>(make_model(static_cast<char>(name)));
+    return *model;
+}
+
+/// Arguments: model; kernel (loptimem); threads.
+void BM_computeleastsquarepart(benchmark::State& state) {
+    const bench::thread_count threads(state.range(2));
+    bench_model& m = model_of(state.range(0));
+    logger silent;
+    mme_iod op(m.param, m.data, m.cov, silent);
+    op.setup_lhsrhs_iod(static_cast<std::int32_t>(state.range(1)));
+    std::vector<double> x(static_cast<std::size_t>(m.param.neq), 0.25), r(x.size());
+    double best = 1e30;
+    for (auto _ : state) {
+        const wtime clock;
+        op.computeleastsquarepart(x, r);
+        benchmark::DoNotOptimize(r.data());
+        best = std::min(best, clock.seconds());
+    }
+    const double bandwidth = bench::read_bandwidth();
+    state.SetLabel(std::string(1, static_cast<char>(state.range(0))));
+    state.counters["ns_per_record"] = best * 1e9 / nrec;
+    state.counters["bandwidth_GB"] = bandwidth / 1e9;
+    state.counters["of_floor"] = best / (m.bytes / bandwidth);
+}
+BENCHMARK(BM_computeleastsquarepart)
+    ->ArgsProduct({{'A', 'B', 'C'}, {2, 1, 5}, {1, 2}})
+    ->ArgNames({"model", "kernel", "threads"})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace zendar

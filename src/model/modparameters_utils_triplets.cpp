@@ -1,0 +1,156 @@
+#include "modparameters_utils_triplets.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <string>
+
+#include "modbasic.hpp"
+
+namespace zendar::detail {
+namespace {
+
+constexpr double rounding = 1e-12;  ///< relative; both triangles may have been summed in another order
+
+bool comes_before(const triplet& a, const triplet& b) {
+    const std::int32_t column_a = std::abs(a.key), column_b = std::abs(b.key);
+    if (column_a != column_b) return column_a < column_b;
+    return a.key != b.key ? a.key > b.key : a.value < b.value;
+}
+
+/// The sums of one column in the two triangles.
+struct column_sum {
+    std::int32_t column = 0;
+    double upper = 0.0, lower = 0.0;
+    bool in_upper = false, in_lower = false;
+
+    [[nodiscard]] bool agrees() const {
+        if (!std::isfinite(upper) || !std::isfinite(lower)) return false;
+        return !in_upper || !in_lower ||
+               std::abs(upper - lower) <= rounding * std::max(std::abs(upper), std::abs(lower));
+    }
+    [[nodiscard]] double value() const { return in_upper ? upper : lower; }
+};
+
+/// Adds up the column that starts at element `k`, which is moved behind it.
+column_sum sum_column(std::span<const triplet> row, std::size_t& k) {
+    column_sum sum;
+    sum.column = std::abs(row[k].key);
+    for (; k < row.size() && std::abs(row[k].key) == sum.column; ++k) {
+        const bool in_upper = row[k].key > 0;
+        (in_upper ? sum.upper : sum.lower) += row[k].value;
+        (in_upper ? sum.in_upper : sum.in_lower) = true;
+    }
+    return sum;
+}
+
+}  // namespace
+
+std::int64_t merge_symmetric(std::span<triplet> row) {
+    if (find_conflict(row).column > 0) return -1;
+    std::int64_t left = 0;
+    for (std::size_t k = 0; k < row.size();) {
+        const column_sum sum = sum_column(row, k);
+        row[left++] = {sum.column, sum.value()};
+    }
+    return left;
+}
+
+std::int64_t merge_sum(std::span<triplet> row) {
+    return merge_symmetric(row);  // there is one triangle
+}
+
+triplet_conflict find_conflict(std::span<const triplet> row) {
+    for (std::size_t k = 0; k < row.size();) {
+        const column_sum sum = sum_column(row, k);
+        if (!sum.agrees()) return {sum.column, sum.upper, sum.lower};
+    }
+    return {};
+}
+
+triplet_rows::triplet_rows(std::int32_t nrow) : nrow_(nrow), begin_(static_cast<std::size_t>(nrow) + 1, 0) {}
+
+void triplet_rows::count(std::int32_t row) {
+    std::atomic_ref(begin_[row]).fetch_add(1, std::memory_order_relaxed);
+}
+
+void triplet_rows::allocate() {
+    for (std::int32_t row = 1; row <= nrow_; ++row) begin_[row] += begin_[row - 1];
+    end_.assign(begin_.begin(), begin_.end() - 1);
+    elements_.resize(static_cast<std::size_t>(begin_[nrow_]));
+}
+
+bool triplet_rows::put(std::int32_t row, std::int32_t key, double value) {
+    const std::int64_t at = std::atomic_ref(end_[row - 1]).fetch_add(1, std::memory_order_relaxed);
+    if (at >= begin_[row]) return false;
+    elements_[at] = {key, value};
+    return true;
+}
+
+std::int32_t triplet_rows::merge(triplet_merge how) {
+    std::int32_t bad = std::numeric_limits<std::int32_t>::max();
+#pragma omp parallel for if (nrow_ > 1024) schedule(dynamic, 1024) default(none) shared(how) \
+    reduction(min : bad)
+    for (std::int32_t row = 1; row <= nrow_; ++row) {
+        const std::span<triplet> elements(elements_.data() + begin_[row - 1],
+                                          elements_.data() + end_[row - 1]);
+        std::sort(elements.begin(), elements.end(), comes_before);
+        const std::int64_t left = how(elements);
+        if (left < 0)
+            bad = std::min(bad, row);
+        else
+            end_[row - 1] = begin_[row - 1] + left;
+    }
+    return bad <= nrow_ ? bad : 0;
+}
+
+std::span<const triplet> triplet_rows::row(std::int32_t row) const {
+    return {elements_.data() + begin_[row - 1], elements_.data() + end_[row - 1]};
+}
+
+std::int64_t triplet_rows::bytes() const {
+    return std::ssize(elements_) * static_cast<std::int64_t>(sizeof(triplet)) +
+           (std::ssize(begin_) + std::ssize(end_)) * static_cast<std::int64_t>(sizeof(std::int64_t));
+}
+
+crssparse triplet_rows::to_crs(std::int32_t ncol, bool lupperstorage, logger& log) {
+    const auto lacks_diagonal = [&](std::int32_t row) {
+        const auto elements = this->row(row);
+        return lupperstorage && (elements.empty() || elements.front().key != row);
+    };
+    std::int64_t nel = 0;
+    for (std::int32_t row = 1; row <= nrow_; ++row)
+        nel += std::ssize(this->row(row)) + (lacks_diagonal(row) ? 1 : 0);
+    if (nel >= std::numeric_limits<std::int32_t>::max())
+        fatal(log, "A matrix of " + inttochar(nel) + " elements is too large", "modparameters_utils",
+              "to_crs");
+
+    std::vector<std::int32_t> ia, ja;
+    std::vector<double> a;
+    ia.reserve(static_cast<std::size_t>(nrow_) + 1);
+    ja.reserve(static_cast<std::size_t>(nel));
+    a.reserve(static_cast<std::size_t>(nel));
+    ia.push_back(1);
+    for (std::int32_t row = 1; row <= nrow_; ++row) {
+        if (lacks_diagonal(row)) {
+            ja.push_back(row);
+            a.push_back(0.0);
+        }
+        for (const triplet& element : this->row(row)) {
+            ja.push_back(element.key);
+            a.push_back(element.value);
+        }
+        ia.push_back(static_cast<std::int32_t>(std::ssize(ja) + 1));
+    }
+    elements_ = {};
+    begin_.assign(begin_.size(), 0);
+    end_.assign(end_.size(), 0);
+    crssparse crs(nrow_, nel, ncol, lupperstorage, &log);
+    crs.external(ia, ja, a);
+    if (lupperstorage) crs.setsymmetric();
+    return crs;
+}
+
+}  // namespace zendar::detail

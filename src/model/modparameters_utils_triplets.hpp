@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "modlogger.hpp"
+#include "modsparse_crs.hpp"
+
+/// Lines "row, column, value" in any order, as rows of a matrix. What the readers of the input data share;
+/// nobody else includes this.
+namespace zendar::detail {
+
+struct triplet {
+    std::int32_t key = 0;  ///< the column; negative for an element given in the other triangle
+    double value = 0.0;
+};
+
+/// Merges the elements of a row, sorted by column, those of either triangle together and by value. Each
+/// column is left with one, of positive key. @returns how many are left, -1 when they cannot be merged.
+using triplet_merge = std::int64_t (*)(std::span<triplet> row);
+
+/// Elements of one column add up. -1 when a sum is not finite.
+std::int64_t merge_sum(std::span<triplet> row);
+
+/// The elements of each triangle add up; an element of both triangles counts once. -1 when the sums of the
+/// two triangles differ by more than rounding, or one is not finite.
+std::int64_t merge_symmetric(std::span<triplet> row);
+
+/// The sums of the elements of the first column that keeps `merge_symmetric` from its work.
+struct triplet_conflict {
+    std::int32_t column = 0;
+    double upper = 0.0, lower = 0.0;
+};
+triplet_conflict find_conflict(std::span<const triplet> row);
+
+/// Elements of a matrix by row: first counted, then put into their places, in both steps by any thread in any
+/// order. 16 bytes an element and 16 a row. The result does not depend on the order.
+class triplet_rows {
+  public:
+    explicit triplet_rows(std::int32_t nrow);
+
+    void count(std::int32_t row);
+    /// Makes room for what was counted.
+    void allocate();
+    /// @returns false when the row has more elements than were counted.
+    bool put(std::int32_t row, std::int32_t key, double value);
+    /// Sorts and merges every row. @returns the first row that cannot be merged, 0 when there is none.
+    std::int32_t merge(triplet_merge how);
+
+    /// After `merge`: the elements of a row, by column.
+    [[nodiscard]] std::span<const triplet> row(std::int32_t row) const;
+    [[nodiscard]] std::int64_t bytes() const;
+    /// As compressed rows; with `lupperstorage` every row gets a stored diagonal, and the matrix is
+    /// symmetric. The elements are released. @throws fatal_error  when 32-bit indices cannot count the
+    /// elements.
+    [[nodiscard]] crssparse to_crs(std::int32_t ncol, bool lupperstorage, logger& log);
+
+  private:
+    std::int32_t nrow_;
+    std::vector<std::int64_t> begin_;  // [row - 1], and the end of the last row
+    std::vector<std::int64_t> end_;    // [row - 1]: behind the last element that was put
+    std::vector<triplet> elements_;
+};
+
+}  // namespace zendar::detail

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+/// What a solver knows of a system C x = b. All vectors have length `size()`; spans of one call do not
+/// overlap.
+namespace zendar {
+
+/// C, in whatever form it is held.
+class linear_operator {
+  public:
+    virtual ~linear_operator() = default;
+
+    [[nodiscard]] virtual std::int64_t size() const = 0;
+    /// r = C x; r is overwritten.
+    virtual void atimesx(std::span<const double> x, std::span<double> r) = 0;
+};
+
+/// A system whose right-hand side is made from data, once, and kept outside of memory from then on.
+class linear_system : public linear_operator {
+  public:
+    /// Computes (or reads) b, keeps a copy on file, and leaves b in `b` and b - C x in `r`.
+    virtual void r_equal_b_minus_atimesx(std::span<const double> x, std::span<double> b,
+                                         std::span<double> r) = 0;
+    /// r = b - C x with the b that was kept. @throws fatal_error  when the copy has gone.
+    virtual void r_equal_savedb_minus_atimesx(std::span<const double> x, std::span<double> r) = 0;
+    /// Reads the b that was kept. @returns false when there is none.
+    virtual bool read_savedb(std::span<double> b) = 0;
+    /// Doubles of the work arrays, for the announcement of memory.
+    [[nodiscard]] virtual std::int64_t work_size() const = 0;
+};
+
+/// M^-1, an approximation of C^-1.
+class linear_preconditioner {
+  public:
+    virtual ~linear_preconditioner() = default;
+
+    /// y = M^-1 x; y is overwritten.
+    virtual void preconditionertimesx(std::span<double> y, std::span<const double> x) = 0;
+};
+
+}  // namespace zendar

@@ -1,0 +1,139 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "modlinear.hpp"
+#include "modlogger.hpp"
+#include "modparameters.hpp"
+#include "modpartarray.hpp"
+#include "modsparse_crs.hpp"
+#include "modstructure.hpp"
+
+/// The mixed model equations by iteration on data: C times a vector is computed from the records, the
+/// pedigree and the genotypes, and C is never formed (Schaeffer and Kennedy, 1986; Stranden and Lidauer,
+/// 1999).
+namespace zendar {
+
+/// The correlated group that a random effect opens: one covariance block, repeated at every level.
+/// Entry i of a block is (member k, covariable j, trait t), the trait fastest and the member slowest.
+struct effect_group {
+    std::int32_t effect = 0;             ///< the opener, from 1
+    std::int32_t nmember = 0;            ///< effects of the group
+    std::int64_t nlevel = 0;             ///< levels of each member; 1 for covariables that are not nested
+    std::vector<std::int64_t> equation;  ///< per entry: its equation at level 1, from 0
+    std::vector<std::int64_t> stride;    ///< per entry: equations from one level to the next
+    matrix<double> ginv;                 ///< order x order; zero rows and columns for absent traits
+
+    [[nodiscard]] std::int64_t order() const noexcept { return std::ssize(equation); }
+    /// The equation, from 0, of entry i at a level, from 0.
+    [[nodiscard]] std::int64_t at(std::int64_t i, std::int64_t level) const {
+        return equation[static_cast<std::size_t>(i)] + level * stride[static_cast<std::size_t>(i)];
+    }
+};
+
+/// The group of effect e (from 1), whose covariance block stands in `param.g[e - 1]`, inverted.
+/// @throws fatal_error  when the levels of its members, or the order of its block, do not agree.
+[[nodiscard]] effect_group make_effect_group(const param_type& param, std::int32_t e, logger& log);
+
+namespace modmmeiod {
+
+/// The stretch of records of one thread, 0-based, end behind the last.
+struct record_block {
+    std::int64_t first = 0, end = 0;
+};
+
+/// How the records of one effect are read by the record step; see modmmeiod_detail.hpp.
+struct record_term;
+
+struct record_input;
+struct equation_bounds;
+
+/// The inverse residual matrices of all trait combinations and classes in one array.
+struct residual_table {
+    std::int32_t ntrait = 0, nclass = 0;
+    std::vector<double> values;  ///< (t1, t2, class, combination)
+
+    [[nodiscard]] const double* of(std::int32_t combination, std::int32_t residual_class) const {
+        const std::int64_t k = (std::int64_t{combination} - 1) * nclass + residual_class - 1;
+        return values.data() + k * ntrait * ntrait;
+    }
+};
+
+/// What the operator keeps for the iteration. One instance per run.
+struct operator_state {
+    std::int32_t loptimem = -9;                   ///< -9 until the set-up
+    std::vector<std::int64_t> nrhscontributions;  ///< [e - 1]
+    std::vector<effect_group> groups;             ///< openers of random effects with a covariance block
+    std::vector<std::unique_ptr<crssparse>>
+        asparse;  ///< [e - 1]: inverse relationship matrix, upper triangle
+    residual_table rinv;
+    std::vector<record_term> terms;    ///< one per effect that the record step reads
+    std::vector<record_block> blocks;  ///< one per thread
+    /// (thread, effect), thread fastest; an array is allocated where threads meet in the same equations
+    std::vector<part_array> residual;
+    std::vector<double> tmpvector, tmpvector1, tmpvector2;
+
+    operator_state();
+    ~operator_state();
+    operator_state(operator_state&&) noexcept;
+    operator_state& operator=(operator_state&&) noexcept;
+};
+
+}  // namespace modmmeiod
+
+/// C on the data.
+class mme_iod final : public linear_system {
+  public:
+    /// All arguments live as long as the operator. `data.phen` may be empty when "phentmp.stream" holds it.
+    mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov, logger& log);
+    ~mme_iod() override;
+
+    /// Reads external matrices, inverts the residual matrices, prepares the random effects and chooses the
+    /// least-squares kernel.
+    void setup_lhsrhs_iod(std::int32_t loptimem);
+    /// Frees all that the set-up made.
+    void clean_lhs_iod();
+
+    [[nodiscard]] std::int64_t size() const override;
+    void atimesx(std::span<const double> x, std::span<double> r) override;
+    void r_equal_b_minus_atimesx(std::span<const double> x, std::span<double> b,
+                                 std::span<double> r) override;
+    void r_equal_savedb_minus_atimesx(std::span<const double> x, std::span<double> r) override;
+    bool read_savedb(std::span<double> b) override;
+    [[nodiscard]] std::int64_t work_size() const override;
+
+    /// r = Z' R^-1 Z x, by the kernel that was chosen.
+    void computeleastsquarepart(std::span<const double> x, std::span<double> r);
+    /// r += G^-1 x for all random effects.
+    void computerandompart(std::span<const double> x, std::span<double> r);
+
+    [[nodiscard]] const modmmeiod::operator_state& state() const { return state_; }
+    [[nodiscard]] const param_type& param() const { return param_; }
+    [[nodiscard]] const phenotype_data& data() const { return data_; }
+    [[nodiscard]] std::span<const covariable_type> cov() const { return cov_; }
+
+  private:
+    [[nodiscard]] modmmeiod::record_input records() const;
+    void least_squares(const modmmeiod::record_input& in, std::span<double> r);
+    void write_thread_effect(std::span<const modmmeiod::equation_bounds> bounds, std::int64_t nthread) const;
+    void assign_computeleastsquare();
+    void setleastsquarepart_full();
+    void setup_random_effects();
+    void computerhs(std::span<double> b, std::string& text);
+    void priormean(std::span<double> b, std::span<double> work, std::string& text);
+    void finish_residual(std::span<const double> x, std::span<const double> b, std::span<double> r,
+                         std::string& text);
+
+    param_type& param_;
+    const phenotype_data& data_;
+    std::span<const covariable_type> cov_;
+    logger& log_;
+    modmmeiod::operator_state state_;
+};
+
+}  // namespace zendar

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "modmmeiod.hpp"
+
+/// The record step, shared by the sources of modmmeiod.
+namespace zendar::modmmeiod {
+
+inline constexpr double coefficient_one = 1.0;
+
+/// How the records of one effect are read: which equations a record has in it, and with which coefficients.
+struct record_term {
+    std::int32_t effect = 0;       ///< from 1
+    std::int32_t row = 0;          ///< of the levels, from 0
+    std::int32_t nested_row = -1;  ///< of the nesting levels, from 0; -1 for none
+    std::int32_t nx = 1;           ///< coefficients of a record
+    bool covariable = false;
+    bool all_traits = true;              ///< present for all traits
+    std::int64_t first = 0;              ///< equations before the effect
+    std::int64_t last = 0;               ///< equations up to the end of the effect
+    std::int64_t stride = 0;             ///< equations of one (nesting) level
+    std::span<const std::int32_t> rows;  ///< coefficient row of each level
+    matrix_view<const double> value;     ///< nx x rows
+    std::vector<double> mask;            ///< per trait: 1.0 where the effect is present, else 0.0
+    std::vector<std::int32_t> slot;      ///< per trait: its slot, from 0
+
+    /// The coefficients of a record and, in `equation`, the block they belong to (from 0); null when the
+    /// record leaves the effect out.
+    [[nodiscard]] const double* locate(const std::int32_t* levels, std::int64_t& equation) const {
+        const std::int32_t level = levels[row];
+        if (level < 1) return nullptr;
+        if (!covariable) {
+            equation = first + (std::int64_t{level} - 1) * stride;
+            return &coefficient_one;
+        }
+        equation = first;
+        if (nested_row >= 0) {
+            const std::int32_t nesting = levels[nested_row];
+            if (nesting < 1) return nullptr;
+            equation += (std::int64_t{nesting} - 1) * stride;
+        }
+        const std::int32_t r = static_cast<std::size_t>(level) <= rows.size() ? rows[level - 1] : 0;
+        return r < 1 ? nullptr : value.data + (std::int64_t{r} - 1) * value.ld;
+    }
+};
+
+/// The terms of all effects that records address.
+[[nodiscard]] std::vector<record_term> make_record_terms(const param_type& param,
+                                                         std::span<const covariable_type> cov);
+
+/// Everything that the record step reads.
+struct record_input {
+    std::int32_t ntrait = 0;
+    matrix_view<const std::int32_t> effect;
+    std::span<const std::int32_t> combi;
+    matrix_view<const double> weight;  ///< ntrait x nrec, or empty
+    const residual_table* rinv = nullptr;
+    std::span<const record_term> terms;
+    const double* x = nullptr;    ///< the vector (neq)
+    matrix_view<const double> y;  ///< instead of the vector: the phenotypes, for the right-hand side
+    bool lcombieff = false;
+};
+
+/// Where the sums of one term go: the array that holds equation `lo` (from 0) first.
+struct scatter_target {
+    double* data = nullptr;
+    std::int64_t lo = 0;
+};
+
+/// Work arrays of one thread for a batch of records: the block of each record in each effect (from 0; -1 or
+/// no coefficients where the record leaves the effect out), and the values of its traits.
+struct record_scratch {
+    explicit record_scratch(const record_input& in);
+    std::vector<std::int64_t> equation;
+    std::vector<const double*> coefficient;
+    std::vector<double> v, w;
+};
+
+/// Adds Z' R^-1 Z x (or Z' R^-1 y, without a vector) of a stretch of records to the targets, one per term.
+/// Allocates nothing.
+void add_records(const record_input& in, record_block block, std::span<const scatter_target> targets,
+                 record_scratch& scratch);
+
+/// The stretches of `nblock` threads: equal ones, whose ends are moved on to where the level of the effect
+/// with the most equations changes, so that sorted records leave each of its levels to one thread.
+[[nodiscard]] std::vector<record_block> make_blocks(const record_input& in, std::int64_t nblock);
+
+/// First and last equation (from 1) of each term in a stretch of records; lo = neq and hi = 0 for none.
+struct equation_bounds {
+    std::int64_t lo, hi;
+};
+void find_bounds(const record_input& in, record_block block, std::int64_t neq,
+                 std::span<equation_bounds> bounds);
+
+/// r += (A^-1 kron G^-1) x or (I kron G^-1) x for one group.
+void computerandompart_eff_dia_timesx(const effect_group& group, std::span<const double> x,
+                                      std::span<double> r);
+void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
+                                std::span<double> gathered, std::span<double> product,
+                                std::span<const double> x, std::span<double> r);
+
+}  // namespace zendar::modmmeiod

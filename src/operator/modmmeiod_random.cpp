@@ -1,0 +1,153 @@
+#include <algorithm>
+#include <array>
+
+#include "modbasic.hpp"
+#include "modenum.hpp"
+#include "modmmeiod_detail.hpp"
+#include "modmmeiod_random.hpp"
+
+namespace zendar {
+
+effect_group make_effect_group(const param_type& param, std::int32_t e, logger& log) {
+    effect_group group;
+    group.effect = e;
+    group.nmember = std::max(param.n_correlated[e - 1], 0) + 1;
+    const auto levels = [&](std::int32_t k) -> std::int64_t {
+        if (param.type_effect[k - 1] == teff_class) return param.n_level[k - 1];
+        return param.n_level_nested[k - 1] > 0 ? param.n_level_nested[k - 1] : 1;
+    };
+    group.nlevel = levels(e);
+    const std::int64_t nt = param.ntrait;
+    std::vector<unsigned char> present;
+    for (std::int32_t k = e; k < e + group.nmember; ++k) {
+        if (levels(k) != group.nlevel)
+            fatal(log,
+                  "The correlated effects " + inttochar(e) + " and " + inttochar(k) +
+                      " have different numbers of levels: " + inttochar(group.nlevel) + " and " +
+                      inttochar(levels(k)),
+                  "modmmeiod", "setup_lhsrhs_iod");
+        const std::int64_t nx = param.nx[k];
+        for (std::int64_t j = 0; j < nx; ++j)
+            for (std::int64_t t = 0; t < nt; ++t) {
+                group.equation.push_back(param.sumequation[k] + j * nt + t);
+                group.stride.push_back(nx * nt);
+                present.push_back(param.pos_effects(t, k - 1) > 0 ? 1 : 0);
+            }
+    }
+    const matrix<double>& ginv = param.g[e - 1];
+    if (ginv.rows() != group.order() || ginv.cols() != group.order())
+        fatal(log,
+              "The (co)variance matrix of effect " + inttochar(e) + " has " + inttochar(ginv.rows()) +
+                  " rows, but its traits and covariables need " + inttochar(group.order()),
+              "modmmeiod", "setup_lhsrhs_iod");
+    group.ginv = ginv;
+    for (std::int64_t j = 0; j < group.order(); ++j)
+        for (std::int64_t i = 0; i < group.order(); ++i)
+            if (present[i] == 0 || present[j] == 0) group.ginv(i, j) = 0.0;
+    return group;
+}
+
+namespace modmmeiod {
+
+namespace {
+
+/// r += G^-1 x of one level, N entries (0: any number).
+template <int N>
+void diagonal_levels(const effect_group& group, const double* x, double* r) {
+    const std::int64_t order = N > 0 ? N : group.order(), nlevel = group.nlevel;
+    const double* const ginv = group.ginv.data();
+    const std::int64_t* const equation = group.equation.data();
+    const std::int64_t* const stride = group.stride.data();
+#pragma omp parallel default(none) shared(x, r, order, nlevel, ginv, equation, stride)
+    {
+        std::array<double, (N > 0 ? N : max_dim_g)> small;
+        std::vector<double> large(order > std::ssize(small) ? static_cast<std::size_t>(order) : 0);
+        double* const own = large.empty() ? small.data() : large.data();
+#pragma omp for schedule(static)
+        for (std::int64_t level = 0; level < nlevel; ++level) {
+            for (std::int64_t i = 0; i < order; ++i) own[i] = x[equation[i] + level * stride[i]];
+            for (std::int64_t i = 0; i < order; ++i) {
+                double sum = 0.0;
+                for (std::int64_t j = 0; j < order; ++j) sum += ginv[i * order + j] * own[j];
+                r[equation[i] + level * stride[i]] += sum;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+void computerandompart_eff_dia_timesx(const effect_group& group, std::span<const double> x,
+                                      std::span<double> r) {
+    switch (group.order()) {
+        case 1:
+            return diagonal_levels<1>(group, x.data(), r.data());
+        case 2:
+            return diagonal_levels<2>(group, x.data(), r.data());
+        case 3:
+            return diagonal_levels<3>(group, x.data(), r.data());
+        case 4:
+            return diagonal_levels<4>(group, x.data(), r.data());
+        default:
+            return diagonal_levels<0>(group, x.data(), r.data());
+    }
+}
+
+void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
+                                std::span<double> gathered, std::span<double> product,
+                                std::span<const double> x, std::span<double> r) {
+    const std::int64_t order = group.order(), n = group.nlevel;
+    matrix_view<double> in{gathered.data(), n, order, n}, out{product.data(), n, order, n};
+#pragma omp parallel for schedule(static) default(none) shared(group, in, x, order, n)
+    for (std::int64_t level = 0; level < n; ++level)
+        for (std::int64_t i = 0; i < order; ++i)
+            in(level, i) = x[static_cast<std::size_t>(group.at(i, level))];
+    asparse.multgenm(1.0, 'n', in, 0.0, out);
+#pragma omp parallel for schedule(static) default(none) shared(group, out, r, order, n)
+    for (std::int64_t level = 0; level < n; ++level)
+        for (std::int64_t i = 0; i < order; ++i) {
+            double sum = 0.0;
+            for (std::int64_t j = 0; j < order; ++j) sum += group.ginv(j, i) * out(level, j);
+            r[static_cast<std::size_t>(group.at(i, level))] += sum;
+        }
+}
+
+namespace {
+
+void add_diagonal(const operator_state&, const effect_group& group, random_work&, std::span<const double> x,
+                  std::span<double> r) {
+    computerandompart_eff_dia_timesx(group, x, r);
+}
+
+void add_sparse(const operator_state& state, const effect_group& group, random_work& work,
+                std::span<const double> x, std::span<double> r) {
+    const auto n = static_cast<std::size_t>(group.order() * group.nlevel);
+    addrandompartsparse_timesx(group, *state.asparse[group.effect - 1], work.gathered.first(n),
+                               work.product.first(n), x, r);
+}
+
+constexpr std::array<random_product, 2> pedigree_products{{{0, nullptr}, {1, add_diagonal}}};
+constexpr std::array<random_product, 3> sparse_products{{{0, nullptr}, {1, add_diagonal}, {10, add_sparse}}};
+
+}  // namespace
+
+const random_product* find_random_product(std::int32_t type_random, bool useasparse) {
+    const std::span<const random_product> table = useasparse
+                                                      ? std::span<const random_product>(sparse_products)
+                                                      : std::span<const random_product>(pedigree_products);
+    const auto found = std::ranges::find(table, type_random, &random_product::type_random);
+    return found == table.end() ? nullptr : &*found;
+}
+
+}  // namespace modmmeiod
+
+void mme_iod::computerandompart(std::span<const double> x, std::span<double> r) {
+    modmmeiod::random_work work{state_.tmpvector1, state_.tmpvector2};
+    for (const effect_group& group : state_.groups) {
+        const modmmeiod::random_product* product =
+            modmmeiod::find_random_product(param_.type_random[group.effect - 1], param_.useasparse);
+        product->timesx(state_, group, work, x, r);
+    }
+}
+
+}  // namespace zendar

@@ -1,0 +1,272 @@
+#include <algorithm>
+#include <cassert>
+
+#include "modenum.hpp"
+#include "modmmeiod_detail.hpp"
+
+namespace zendar::modmmeiod {
+
+namespace {
+
+/// Records are taken in batches, effect by effect, so that what is the same for all records of an effect is
+/// decided once a batch, and the loads of different records overlap.
+constexpr std::int64_t batch_size = 128;
+
+/// Which traits an effect has, and where: all of them in their order, some of them, or in slots of its own.
+enum class trait_map { all, some, slots };
+
+/// Element t of a block for a trait, and how much of it counts.
+template <trait_map M>
+inline std::int32_t place(const record_term& term, std::int32_t t) {
+    if constexpr (M == trait_map::slots)
+        return term.slot[t];
+    else
+        return t;
+}
+template <trait_map M>
+inline double share(const record_term& term, std::int32_t t, double c) {
+    if constexpr (M == trait_map::all)
+        return c;
+    else
+        return term.mask[t] * c;
+}
+
+/// The values of one record's traits, in registers where their number is known.
+template <int NT>
+struct trait_values {
+    double value[NT];
+    explicit trait_values(const double* from) { std::copy_n(from, NT, value); }
+    void store(double* to) const { std::copy_n(value, NT, to); }
+    double& operator[](std::int32_t t) { return value[t]; }
+};
+template <>
+struct trait_values<0> {
+    double* value;
+    explicit trait_values(double* from) : value(from) {}
+    void store(const double*) const {}
+    double& operator[](std::int32_t t) { return value[t]; }
+};
+
+/// Adds a class effect to the fitted values of a batch.
+template <int NT, trait_map M>
+void gather_class(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
+                  std::size_t) {
+    const std::int64_t nt = NT > 0 ? NT : in.ntrait;
+    const std::int64_t before = term.first - nt;
+    const double* const x = in.x;
+    const std::int32_t* const levels = in.effect.data + batch.first * in.effect.ld + term.row;
+    double* const v = s.v.data();
+#pragma GCC unroll 2
+    for (std::int64_t i = 0; i < batch.end - batch.first; ++i) {
+        const std::int64_t level = levels[i * in.effect.ld];
+        if (level < 1) continue;
+        const double* const own = x + (before + level * nt);
+        for (std::int32_t t = 0; t < nt; ++t)
+            v[i * nt + t] += share<M>(term, t, 1.0) * own[place<M>(term, t)];
+    }
+}
+
+template <int NT, trait_map M>
+void scatter_class(const record_input& in, const record_term& term, record_block batch,
+                   const record_scratch& s, std::size_t, scatter_target target) {
+    const std::int64_t nt = NT > 0 ? NT : in.ntrait;
+    const std::int64_t before = term.first - nt - target.lo;
+    const std::int32_t* const levels = in.effect.data + batch.first * in.effect.ld + term.row;
+    const double* const w = s.w.data();
+#pragma GCC unroll 2
+    for (std::int64_t i = 0; i < batch.end - batch.first; ++i) {
+        const std::int64_t level = levels[i * in.effect.ld];
+        if (level < 1) continue;
+        double* const own = target.data + (before + level * nt);
+        for (std::int32_t t = 0; t < nt; ++t)
+            own[place<M>(term, t)] += share<M>(term, t, 1.0) * w[i * nt + t];
+    }
+}
+
+/// Finds the coefficients of a batch, NX of them a record (0: any number), and, unless the phenotypes take
+/// their place, adds to the fitted values.
+template <int NT, trait_map M, int NX, bool rhs>
+void gather_covariable(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
+                       std::size_t k) {
+    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx;
+    std::int64_t* const equation = s.equation.data() + k * batch_size;
+    const double** const coefficient = s.coefficient.data() + k * batch_size;
+    double* v = s.v.data();
+    const std::int32_t* levels = in.effect.data + batch.first * in.effect.ld;
+    for (std::int64_t i = 0; i < batch.end - batch.first; ++i, levels += in.effect.ld, v += nt) {
+        const double* const c = term.locate(levels, equation[i]);
+        coefficient[i] = c;
+        if (rhs || c == nullptr) continue;
+        const double* x = in.x + equation[i];
+        trait_values<NT> sum(v);
+        for (std::int32_t j = 0; j < nx; ++j, x += nt)
+            for (std::int32_t t = 0; t < nt; ++t) sum[t] += share<M>(term, t, c[j]) * x[place<M>(term, t)];
+        sum.store(v);
+    }
+}
+
+template <int NT, trait_map M, int NX>
+void scatter_covariable(const record_input& in, const record_term& term, record_block batch,
+                        const record_scratch& s, std::size_t k, scatter_target target) {
+    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx;
+    const std::int64_t* const equation = s.equation.data() + k * batch_size;
+    const double* const* const coefficient = s.coefficient.data() + k * batch_size;
+    for (std::int64_t i = 0; i < batch.end - batch.first; ++i) {
+        const double* const c = coefficient[i];
+        if (c == nullptr) continue;
+        double* r = target.data + (equation[i] - target.lo);
+        trait_values<NT> w(const_cast<double*>(s.w.data() + i * nt));
+        for (std::int32_t j = 0; j < nx; ++j, r += nt)
+            for (std::int32_t t = 0; t < nt; ++t) r[place<M>(term, t)] += share<M>(term, t, c[j]) * w[t];
+    }
+}
+
+/// w = R^-1 v of every record of a batch, with its weights on both sides.
+template <int NT, bool weighted>
+void apply_residuals(const record_input& in, record_block batch, record_scratch& s) {
+    const std::int32_t nt = NT > 0 ? NT : in.ntrait;
+    const std::int32_t* classes = in.effect.data + batch.first * in.effect.ld + in.effect.rows - 1;
+    const double* weight = weighted ? in.weight.data + batch.first * in.weight.ld : nullptr;
+    double* v = s.v.data();
+    double* w = s.w.data();
+    for (std::int64_t rec = batch.first; rec < batch.end; ++rec, v += nt, w += nt, classes += in.effect.ld) {
+        const double* const rinv = in.rinv->of(in.combi[static_cast<std::size_t>(rec)], *classes);
+        trait_values<NT> from(v), to(w);
+        for (std::int32_t t = 0; weighted && t < nt; ++t) from[t] *= weight[t];
+        for (std::int32_t t = 0; t < nt; ++t) to[t] = rinv[t] * from[0];
+        for (std::int32_t u = 1; u < nt; ++u)
+            for (std::int32_t t = 0; t < nt; ++t) to[t] += rinv[u * nt + t] * from[u];
+        for (std::int32_t t = 0; weighted && t < nt; ++t) to[t] *= weight[t];
+        to.store(w);
+        if (weighted) weight += in.weight.ld;
+    }
+}
+
+using gather_loop = void (*)(const record_input&, const record_term&, record_block, record_scratch&,
+                             std::size_t);
+using scatter_loop = void (*)(const record_input&, const record_term&, record_block, const record_scratch&,
+                              std::size_t, scatter_target);
+struct term_loops {
+    gather_loop gather;
+    scatter_loop scatter;
+};
+
+void gather_nothing(const record_input&, const record_term&, record_block, record_scratch&, std::size_t) {}
+
+template <int NT, trait_map M, int NX>
+term_loops covariable_loops(bool rhs) {
+    return {rhs ? gather_loop{gather_covariable<NT, M, NX, true>}
+                : gather_loop{gather_covariable<NT, M, NX, false>},
+            scatter_covariable<NT, M, NX>};
+}
+template <int NT, trait_map M>
+term_loops loops_of(const record_term& term, bool rhs) {
+    if (!term.covariable)
+        return {rhs ? gather_loop{gather_nothing} : gather_loop{gather_class<NT, M>}, scatter_class<NT, M>};
+    if constexpr (M == trait_map::all && NT > 0) {
+        switch (term.nx) {
+            case 1:
+                return covariable_loops<NT, M, 1>(rhs);
+            case 2:
+                return covariable_loops<NT, M, 2>(rhs);
+            case 3:
+                return covariable_loops<NT, M, 3>(rhs);
+            case 4:
+                return covariable_loops<NT, M, 4>(rhs);
+            default:
+                break;
+        }
+    }
+    return covariable_loops<NT, M, 0>(rhs);
+}
+template <int NT>
+term_loops loops_of(const record_input& in, const record_term& term) {
+    const bool rhs = in.x == nullptr;
+    if (in.lcombieff) return loops_of<NT, trait_map::slots>(term, rhs);
+    return term.all_traits ? loops_of<NT, trait_map::all>(term, rhs)
+                           : loops_of<NT, trait_map::some>(term, rhs);
+}
+
+template <int NT>
+void add_records_of(const record_input& in, record_block block, std::span<const scatter_target> targets,
+                    record_scratch& s) {
+    const std::size_t nterm = in.terms.size();
+    for (std::int64_t first = block.first; first < block.end; first += batch_size) {
+        const record_block batch{first, std::min(first + batch_size, block.end)};
+        const std::int64_t values = (batch.end - batch.first) * in.ntrait;
+        if (in.x == nullptr)
+            for (std::int64_t i = 0; i < batch.end - batch.first; ++i)
+                std::copy_n(in.y.data + (first + i) * in.y.ld, in.ntrait, s.v.data() + i * in.ntrait);
+        else
+            std::fill_n(s.v.data(), values, 0.0);
+        for (std::size_t k = 0; k < nterm; ++k)
+            loops_of<NT>(in, in.terms[k]).gather(in, in.terms[k], batch, s, k);
+        if (in.weight.data != nullptr)
+            apply_residuals<NT, true>(in, batch, s);
+        else
+            apply_residuals<NT, false>(in, batch, s);
+        for (std::size_t k = 0; k < nterm; ++k)
+            loops_of<NT>(in, in.terms[k]).scatter(in, in.terms[k], batch, s, k, targets[k]);
+    }
+}
+
+}  // namespace
+
+std::vector<record_term> make_record_terms(const param_type& param, std::span<const covariable_type> cov) {
+    std::vector<record_term> terms;
+    for (std::int32_t e = 1; e <= param.neffect - param.nhuge; ++e) {
+        const std::int32_t ie = e - 1;
+        record_term term;
+        term.effect = e;
+        term.row = ie;
+        term.nx = param.nx[e];
+        term.first = param.sumequation[e];
+        term.stride = param.ntrait;
+        std::int64_t slots = param.n_level[ie];
+        if (param.type_effect[ie] == teff_covariable) {
+            term.covariable = true;
+            term.rows = cov[ie].rows();
+            term.value = cov[ie].values();
+            slots = param.n_cov[ie];
+            if (param.n_level_nested[ie] > 0) {
+                term.nested_row = param.pos_nested2(0, ie) - 1;
+                term.stride = std::int64_t{param.ntrait} * param.n_cov[ie];
+                slots *= param.n_level_nested[ie];
+            }
+        }
+        term.last = term.first + slots * param.ntrait;
+        for (std::int32_t t = 0; t < param.ntrait; ++t) {
+            const bool present = param.pos_effects(t, ie) > 0;
+            term.mask.push_back(present ? 1.0 : 0.0);
+            term.all_traits = term.all_traits && present;
+            term.slot.push_back(param.lcombieff ? param.combieff_trait(t, ie) - 1 : t);
+        }
+        terms.push_back(std::move(term));
+    }
+    return terms;
+}
+
+record_scratch::record_scratch(const record_input& in)
+    : equation(in.terms.size() * batch_size),
+      coefficient(in.terms.size() * batch_size),
+      v(static_cast<std::size_t>(in.ntrait * batch_size)),
+      w(static_cast<std::size_t>(in.ntrait * batch_size)) {}
+
+void add_records(const record_input& in, record_block block, std::span<const scatter_target> targets,
+                 record_scratch& scratch) {
+    assert(targets.size() == in.terms.size());
+    switch (in.ntrait) {
+        case 1:
+            return add_records_of<1>(in, block, targets, scratch);
+        case 2:
+            return add_records_of<2>(in, block, targets, scratch);
+        case 3:
+            return add_records_of<3>(in, block, targets, scratch);
+        case 4:
+            return add_records_of<4>(in, block, targets, scratch);
+        default:
+            return add_records_of<0>(in, block, targets, scratch);
+    }
+}
+
+}  // namespace zendar::modmmeiod

@@ -1,0 +1,210 @@
+#include <omp.h>
+
+#include <algorithm>
+#include <new>
+#include <tuple>
+
+#include "modbasic.hpp"
+#include "modenum.hpp"
+#include "modfile.hpp"
+#include "modmmeiod_detail.hpp"
+#include "modmmeiod_ls.hpp"
+#include "modmmeiod_random.hpp"
+#include "modparameters_utils.hpp"
+#include "modstats.hpp"
+
+namespace zendar {
+
+namespace modmmeiod {
+
+operator_state::operator_state() = default;
+operator_state::~operator_state() = default;
+operator_state::operator_state(operator_state&&) noexcept = default;
+operator_state& operator_state::operator=(operator_state&&) noexcept = default;
+
+namespace {
+
+residual_table make_residual_table(const param_type& param) {
+    residual_table table;
+    table.ntrait = param.ntrait;
+    table.nclass = param.n_residual_cov;
+    for (const rinv_type& combination : param.rinv_vect)
+        for (const matrix<double>& rinv : combination.rinv)
+            table.values.insert(table.values.end(), rinv.values().begin(), rinv.values().end());
+    return table;
+}
+
+}  // namespace
+}  // namespace modmmeiod
+
+mme_iod::mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov,
+                 logger& log)
+    : param_(param), data_(data), cov_(cov), log_(log) {}
+
+mme_iod::~mme_iod() = default;
+
+std::int64_t mme_iod::size() const {
+    return param_.neq;
+}
+
+std::int64_t mme_iod::work_size() const {
+    return std::ssize(state_.tmpvector) + std::ssize(state_.tmpvector1) + std::ssize(state_.tmpvector2);
+}
+
+void mme_iod::clean_lhs_iod() {
+    state_ = {};
+    deallocrinv_vect(param_);
+}
+
+void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
+    state_ = {};
+    for (std::int32_t e = 1; e <= param_.neffect; ++e)
+        state_.nrhscontributions.push_back(computenrhscontributions(param_, e));
+
+    log_.message("Inversion of the residual matrix(ces) for the different trait combinations");
+    initresidualmatrix(param_, log_);
+    state_.rinv = modmmeiod::make_residual_table(param_);
+    const std::int64_t bytes = std::ssize(state_.rinv.values) * static_cast<std::int64_t>(sizeof(double));
+    log_.message("Memory (MB) needed for the residual matrix(ces): " + realtochar(mib(bytes), "(f0.2)"));
+
+    setup_random_effects();
+    state_.loptimem = loptimem;
+    assign_computeleastsquare();
+    state_.terms = modmmeiod::make_record_terms(param_, cov_);
+
+    log_.message("Initialize the temporary array...");
+    const wtime clock;
+    setleastsquarepart_full();
+    clock.end(log_, "Initialization done ");
+
+    if (param_.omega != 1.0) {
+        log_.warning(
+            "Omega different than 1 is not supported with the requested options! Omega will be set to 1.");
+        param_.omega = 1.0;
+    }
+}
+
+void mme_iod::setup_random_effects() {
+    if (param_.nhuge > 0)
+        fatal(log_, "Huge effects are not implemented by iteration on data", "modmmeiod", "setup_lhsrhs_iod");
+    state_.asparse.resize(static_cast<std::size_t>(param_.neffect));
+    std::size_t work = 0;
+    for (std::int32_t e = 1; e <= param_.neffect; ++e) {
+        const std::int32_t type = param_.type_random[e - 1];
+        log_.message("Setting-up of matrices for effect " + inttochar(e));
+        const modmmeiod::random_product* product = modmmeiod::find_random_product(type, param_.useasparse);
+        if (product == nullptr)
+            fatal(log_, " This type of effect " + inttochar(type) + " is not implemented", "modmmeiod",
+                  param_.useasparse ? "computerandompartsparse_timesx" : "computerandompart_timesx");
+        if (product->timesx == nullptr) continue;
+        const effect_group& group = state_.groups.emplace_back(make_effect_group(param_, e, log_));
+        if (type != 10) continue;
+        log_.message("Computation of Ainv sparse (if any)");
+        if (param_.type_effect[e - 1] != teff_class && param_.n_level_nested[e - 1] < 1)
+            fatal(log_, "Covariables are not possible with animal effect", "modmmeiod", "setup_lhsrhs_iod");
+        state_.asparse[e - 1] = std::make_unique<crssparse>(
+            readcootoija(param_.file[e][0], narrow<std::int32_t>(group.nlevel), log_));
+        work = std::max(work, static_cast<std::size_t>(group.order() * group.nlevel));
+    }
+    state_.tmpvector1.assign(work, 0.0);
+    state_.tmpvector2.assign(work, 0.0);
+}
+
+void mme_iod::assign_computeleastsquare() {
+    if (param_.pos[param_.neffect + 1] - 1 == param_.neffect)
+        log_.information("All Delvane optimizations allowed");
+    else
+        log_.warning(
+            "All Delvane optimizations not allowed!\nPossible reason: Multiple covariates in a same effect");
+    const bool type22 = std::ranges::count(param_.type_random, 22) > 0;
+    const modmmeiod::ls_kernel* kernel = modmmeiod::find_ls_kernel(state_.loptimem, type22);
+    if (kernel == nullptr)
+        fatal(log_, "Subroutine for the least square part does not exist. Check the option loptimem",
+              "modmmeiod", "assign_computeleastsquare");
+    std::string text(kernel->text);
+    if (kernel->partial)
+        text +=
+            "\nTo be efficient, the phenotype records must be sorted consecutively for the largest effect.";
+    log_.information(text);
+    log_.debug("computeleastsquarepart associated with " + std::string(kernel->procedure));
+}
+
+namespace {
+
+/// True when no two stretches of one effect overlap.
+bool are_disjoint(std::vector<modmmeiod::equation_bounds> bounds) {
+    std::erase_if(bounds, [](const auto& b) { return b.hi < b.lo; });
+    std::ranges::sort(bounds, {}, &modmmeiod::equation_bounds::lo);
+    for (std::size_t i = 1; i < bounds.size(); ++i)
+        if (bounds[i].lo <= bounds[i - 1].hi) return false;
+    return true;
+}
+
+}  // namespace
+
+modmmeiod::record_input mme_iod::records() const {
+    modmmeiod::record_input in;
+    in.ntrait = param_.ntrait;
+    in.effect = data_.effect.view();
+    in.combi = data_.combitrait;
+    if (param_.nweight > 0) in.weight = data_.weight.view();
+    in.rinv = &state_.rinv;
+    in.terms = state_.terms;
+    in.lcombieff = param_.lcombieff;
+    return in;
+}
+
+void mme_iod::setleastsquarepart_full() {
+    using namespace modmmeiod;
+    const ls_kernel* kernel = find_ls_kernel(state_.loptimem, false);
+    const record_input in = records();
+    const auto nthread = static_cast<std::int64_t>(std::max(omp_get_max_threads(), 1));
+    const std::int64_t nterm = std::ssize(state_.terms), neq = param_.neq;
+    state_.blocks = make_blocks(in, nthread);
+    if (kernel == nullptr || !kernel->partial) return;
+
+    const wtime clock;
+    std::vector<equation_bounds> bounds(static_cast<std::size_t>(nterm * nthread), {neq, 0});
+    const std::span<equation_bounds> all = bounds;
+#pragma omp parallel for schedule(static) default(none) shared(in, all, nthread, nterm, neq)
+    for (std::int64_t th = 0; th < nthread; ++th)
+        find_bounds(in, state_.blocks[th], neq, all.subspan(th * nterm, nterm));
+    for (std::int64_t th = 0; th < nthread; ++th)
+        log_.debug("aaa " + inttochar(th + 1) + " " + inttochar(state_.blocks[th].first + 1) + " " +
+                   inttochar(state_.blocks[th].end) + " n " + inttochar(nthread));
+    log_.message("Wall clock time (s) for determining bounds: " + realtochar(clock.seconds(), "(f0.3)"));
+
+    // An effect that leaves each of its equations to one thread needs no arrays beside the result.
+    state_.residual.assign(static_cast<std::size_t>(nterm * nthread), {});
+    for (std::int64_t k = 0; k < nterm; ++k) {
+        std::vector<equation_bounds> of_effect;
+        for (std::int64_t th = 0; th < nthread; ++th) of_effect.push_back(all[th * nterm + k]);
+        if (!(param_.landeffect && nthread > 1) && are_disjoint(of_effect)) continue;
+        for (std::int64_t th = 0; th < nthread; ++th)
+            state_.residual[k * nthread + th].initbounds_scal(of_effect[th].lo, of_effect[th].hi);
+    }
+    bool failed = false;
+#pragma omp parallel for schedule(static) default(none) shared(nthread, nterm) reduction(|| : failed)
+    for (std::int64_t th = 0; th < nthread; ++th) try {
+            for (std::int64_t k = 0; k < nterm; ++k) state_.residual[k * nthread + th].initarray_scal();
+        } catch (const std::bad_alloc&) {
+            failed = true;
+        }
+    if (failed) fatal(log_, "Issue when allocating the DT residual", "modmmeiod", "setleastsquarepart_full");
+
+    if (param_.thread_effect || log_.level() == log_level::debug) write_thread_effect(all, nthread);
+    std::int64_t total = 0;
+    for (std::int64_t th = 0; th < nthread; ++th)
+        for (std::int64_t k = 0; k < nterm; ++k) {
+            const auto bytes = std::ssize(state_.residual[k * nthread + th].values()) *
+                               static_cast<std::int64_t>(sizeof(double));
+            total += bytes;
+            log_.information("Memory (MB) allocated for thread " + inttochar(th + 1) + " effect " +
+                             inttochar(state_.terms[k].effect) + " : " + realtochar(mib(bytes), "(f0.3)"));
+        }
+    const std::int64_t full = nthread * neq * static_cast<std::int64_t>(sizeof(double));
+    log_.information("Total memory (MB): " + realtochar(mib(total), "(f0.3)") + " out of " +
+                     realtochar(mib(full), "(f0.3)"));
+}
+
+}  // namespace zendar

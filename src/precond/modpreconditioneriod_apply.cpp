@@ -1,0 +1,196 @@
+#include <omp.h>
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <type_traits>
+
+#include "modpreconditioneriod_chols.hpp"
+#include "modpreconditioneriod_detail.hpp"
+#include "modstats.hpp"
+
+namespace zendar::modpreconditioneriod {
+
+namespace {
+
+constexpr int largest_small = 6;  // blocks up to this order have a loop of their own
+constexpr int largest_on_stack = 32;
+
+/// y = a x for a symmetric matrix of order N (0: n), packed by the columns of its upper triangle. The whole
+/// of y is written once, at the end, so that it stays in registers for small N.
+template <int N, class Real>
+inline void packed_times_vector(const Real* a, std::int64_t n, const double* x, double* y) {
+    if constexpr (N > 0) {
+        std::array<double, N> own{}, sum{};
+        for (int i = 0; i < N; ++i) own[i] = x[i];
+        for (int k = 0; k < N; ++k) {
+            for (int i = 0; i < k; ++i) {
+                const double value = a[k * (k + 1) / 2 + i];
+                sum[k] += value * own[i];
+                sum[i] += value * own[k];
+            }
+            sum[k] += static_cast<double>(a[k * (k + 1) / 2 + k]) * own[k];
+        }
+        for (int i = 0; i < N; ++i) y[i] = sum[i];
+    } else {
+        for (std::int64_t k = 0; k < n; ++k) {
+            const double xk = x[k];
+            double sum = 0.0;
+#pragma omp simd reduction(+ : sum)
+            for (std::int64_t i = 0; i < k; ++i) {
+                const double value = a[i];
+                sum += value * x[i];
+                y[i] += value * xk;
+            }
+            y[k] = sum + static_cast<double>(a[k]) * xk;
+            a += k + 1;
+        }
+    }
+}
+
+template <int N>
+void contiguous_levels(double* y, const mija& part, const double* x) {
+    const std::int64_t n = N > 0 ? N : part.dim1, size = packed_size(part), nlevel = part.dim3;
+    const float* const block = part.block.data();
+#pragma omp parallel for schedule(static) default(none) shared(y, x, block, n, size, nlevel)
+    for (std::int64_t level = 0; level < nlevel; ++level)
+        packed_times_vector<N>(block + level * size, n, x + level * n, y + level * n);
+}
+
+/// Gathers, multiplies and scatters. `work` has 2 n elements for each thread when n is beyond the stack's
+/// array.
+template <int N>
+void gathered_levels(double* y, const mija& part, const double* x, double* work) {
+    const std::int64_t n = N > 0 ? N : part.dim1, size = packed_size(part), nlevel = part.dim3;
+    const float* const block = part.block.data();
+    const std::span<const block_stretch> stretches = part.stretches;
+#pragma omp parallel default(none) shared(y, x, work, block, n, size, nlevel, stretches)
+    {
+        std::array<double, 2 * largest_on_stack> small;
+        double* const from = n > largest_on_stack ? work + 2 * n * omp_get_thread_num() : small.data();
+        double* const to = from + n;
+#pragma omp for schedule(static)
+        for (std::int64_t level = 0; level < nlevel; ++level) {
+            std::int64_t place = 0;
+            for (const block_stretch& s : stretches)
+                for (std::int64_t i = 0; i < s.length; ++i) from[place++] = x[s.first + level * s.stride + i];
+            packed_times_vector<N>(block + level * size, n, from, to);
+            place = 0;
+            for (const block_stretch& s : stretches)
+                for (std::int64_t i = 0; i < s.length; ++i) y[s.first + level * s.stride + i] = to[place++];
+        }
+    }
+}
+
+/// Calls `action` with the order as a constant, 0 for the orders without a loop of their own.
+template <class Action>
+void with_order(std::int64_t order, Action&& action) {
+    static_assert(largest_small == 6);
+    switch (order) {
+        case 1:
+            return action(std::integral_constant<int, 1>{});
+        case 2:
+            return action(std::integral_constant<int, 2>{});
+        case 3:
+            return action(std::integral_constant<int, 3>{});
+        case 4:
+            return action(std::integral_constant<int, 4>{});
+        case 5:
+            return action(std::integral_constant<int, 5>{});
+        case 6:
+            return action(std::integral_constant<int, 6>{});
+        default:
+            return action(std::integral_constant<int, 0>{});
+    }
+}
+
+void multiply_diagonal(double* y, const float* d, const double* x, std::int64_t n) {
+    for (std::int64_t i = 0; i < n; ++i) y[i] = static_cast<double>(d[i]) * x[i];
+}
+
+/// Equations of a task: enough to be worth one, few enough to be shared among the threads.
+constexpr std::int64_t equations_of_task = 1 << 15;
+
+void preconditionertimesx_diagonal(double* y, std::span<const mija> mija_global, const double* x) {
+    if (std::ranges::count(mija_global, precond_diagonal, &mija::type) == 0) return;
+#pragma omp parallel default(none) shared(y, x, mija_global, equations_of_task)
+    {
+#pragma omp single
+        for (const mija& part : mija_global) {
+            if (part.type != precond_diagonal) continue;
+            const std::int64_t offset = part.first - 1;
+            for (std::int64_t from = 0; from < part.dim1; from += equations_of_task) {
+                const std::int64_t n = std::min(equations_of_task, part.dim1 - from);
+                const float* const d = part.mat.data() + from;
+                double* const to = y + offset + from;
+                const double* const own = x + offset + from;
+#pragma omp task default(none) firstprivate(d, to, own, n)
+                multiply_diagonal(to, d, own, n);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+void preconditionertimesx_block(std::span<double> y, const mija& part, std::span<const double> x) {
+    const std::int64_t offset = part.first - 1;
+    with_order(part.dim1,
+               [&](auto n) { contiguous_levels<n()>(y.data() + offset, part, x.data() + offset); });
+}
+
+void preconditionertimesx_block_index(std::span<double> y, const mija& part, std::span<const double> x) {
+    std::vector<double> work;
+    if (part.dim1 > largest_on_stack)
+        work.resize(static_cast<std::size_t>(2 * std::int64_t{part.dim1} * omp_get_max_threads()));
+    with_order(part.dim1, [&](auto n) { gathered_levels<n()>(y.data(), part, x.data(), work.data()); });
+}
+
+void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global, std::span<const double> x,
+                          logger& log) {
+    assert(y.size() == x.size());
+    const wtime clock;
+    for (const mija& part : mija_global) {
+        const auto range = [&part](auto v) {
+            return v.subspan(static_cast<std::size_t>(part.first - 1),
+                             static_cast<std::size_t>(part.last - part.first + 1));
+        };
+        switch (part.type) {
+            case precond_dense:
+                solvs8(part.dense.view(), range(y), range(x));
+                break;
+            case precond_whole:
+                packed_times_vector<0>(part.w.data(), part.dim1, range(x).data(), range(y).data());
+                break;
+            case precond_sparse:
+            case precond_auto:
+                part.sparse.solveldlt(range(y), range(x));
+                break;
+            case precond_reorder:
+                preconditionertimesx_block_index(y, part, x);
+                break;
+            case precond_none:
+            case precond_diagonal:
+            case precond_block:
+            case -precond_dense:
+            case -precond_sparse:
+            case -precond_auto:
+            case -precond_reorder:
+                break;
+            default:
+                unknown_code(part.type, "preconditionertimesx", log);
+        }
+    }
+    preconditionertimesx_diagonal(y.data(), mija_global, x.data());
+    for (const mija& part : mija_global) {
+        if (part.type != precond_block || part.block.empty())
+            continue;  // empty: correlated with one before it
+        if (part.stretches.size() == 1)
+            preconditionertimesx_block(y, part, x);
+        else
+            preconditionertimesx_block_index(y, part, x);
+    }
+    log.message("  Elapsed time (s) - M-1 * x: " + realtochar(clock.seconds(), "(f0.3)"));
+}
+
+}  // namespace zendar::modpreconditioneriod

@@ -1,0 +1,216 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "modgeneral_convaggregate.hpp"
+#include "modlinear.hpp"
+#include "modsolveriod.hpp"
+#include "modsolvertype_control.hpp"
+#include "modstats.hpp"
+
+/// The one loop of all conjugate gradient solvers, and what hangs on it; private to the solvers.
+namespace zendar::detail {
+
+// ---- vector kernels (modsolveriod_kernels.cpp)
+// ----------------------------------------------------------------
+
+/// A vector that is zeroed, and so placed, by the threads that work on it.
+class work_vector {
+  public:
+    explicit work_vector(std::int64_t n);
+    operator std::span<double>() { return {values_.get(), static_cast<std::size_t>(n_)}; }
+    operator std::span<const double>() const { return {values_.get(), static_cast<std::size_t>(n_)}; }
+
+  private:
+    std::int64_t n_;
+    std::unique_ptr<double[]> values_;
+};
+
+/// The vectors of an iteration; all have the same length and do not overlap.
+struct pcg_vectors {
+    std::span<double> x, r, p, z, w;
+};
+
+struct direction_sums {
+    double zz = 0.0, tau = 0.0, beta = 0.0;
+};
+/// zz = z'z, tau = z'r, beta = tau / tau_old, p = z + beta p in one parallel region; 5 passes of 8 bytes.
+direction_sums update_direction(std::span<const double> z, std::span<const double> r, std::span<double> p,
+                                double tau_old);
+
+struct solution_sums {
+    double alpha = 0.0;
+    double dd = 0.0, maxdiff = 0.0;  ///< sum of squares, and maximum, of the changes of x
+    double xx = 0.0;
+    double rr = 0.0;  ///< 0 when r is not updated
+};
+/// alpha = tau / p'w, x += alpha p, and unless `r` is empty r -= alpha w, with their sums, in one parallel
+/// region; 8 passes of 8 bytes, 5 without r.
+solution_sums update_solution(double tau, std::span<const double> p, std::span<const double> w,
+                              std::span<double> x, std::span<double> r);
+
+double sum_of_squares(std::span<const double> v);
+/// The same over a range of equations.
+double sum_of_squares(std::span<const double> v, const equation_range& range);
+bool all_finite(std::span<const double> v);
+
+// ---- the loop (modsolveriod_loop.cpp)
+// -------------------------------------------------------------------------
+
+/// The scalars of an iteration. They keep their values from one to the next.
+struct pcg_state {
+    std::int32_t i = 2;  ///< the state before the first update counts as iteration 1
+    double tau = 0.0, tau_old = 1.0, beta = 0.0;
+    double alpha = 1.0, alpha_old = 1.0;
+    double zz = 0.0, rr = 0.0, dd = 0.0, xx = 0.0, maxdiff = 0.0;
+};
+
+/// P of the deflated solvers; the identity without deflation.
+class projector {
+  public:
+    virtual ~projector() = default;
+    /// v = P v
+    virtual void project(std::span<double> v) = 0;
+};
+
+/// The rule for beta, with the step that uses it. May own what it needs of the iteration before.
+class direction_rule {
+  public:
+    virtual ~direction_rule() = default;
+    virtual direction_sums operator()(const pcg_vectors& v, double tau_old) {
+        return update_direction(v.z, v.r, v.p, tau_old);
+    }
+};
+
+/// Decides when the loop ends, and is told what happens in it.
+class pcg_control {
+  public:
+    virtual ~pcg_control() = default;
+    [[nodiscard]] virtual bool goes_on(const pcg_state& s) const = 0;
+    /// x was updated; r, in the iterations that compute it anew, not yet.
+    virtual void updated(const pcg_state& s, const pcg_vectors& v) = 0;
+    /// All of the iteration is done.
+    virtual void iterated(const pcg_state& s, const pcg_vectors& v) = 0;
+};
+
+/// A solver is a choice of these.
+struct pcg_problem {
+    linear_operator& c;
+    linear_preconditioner& m;
+    direction_rule& direction;
+    projector* deflation = nullptr;
+    linear_system* residual = nullptr;  ///< computes the residual anew each 50th iteration, when it is there
+};
+
+/// Iterations from s.i on; s.i ends one past the last. Prints nothing and allocates nothing.
+void pcg_loop(const pcg_problem& problem, const pcg_vectors& v, pcg_state& s, pcg_control& control);
+
+// ---- convergence groups (modsolveriod_groups.cpp)
+// -------------------------------------------------------------
+
+/// Convergence of groups of equations.
+class group_convergence {
+  public:
+    /// @param b  right-hand side, r  residual at the start.
+    group_convergence(std::span<const equation_range> groups, std::span<const double> b);
+    void start(std::span<const double> r);
+    void iterated(const pcg_state& s, const pcg_vectors& v);
+
+    [[nodiscard]] std::span<const double> cr_effect() const { return cr_effect_; }
+    [[nodiscard]] std::span<const double> cd_effect() const { return cd_effect_; }
+
+  private:
+    /// A stretch of equations whose first group is `group`.
+    struct segment {
+        equation_range range;
+        std::size_t group;
+    };
+    std::vector<equation_range> groups_;
+    std::vector<segment> segments_;
+    std::vector<double> rhs_effect_, cr_effect_, cd_effect_;
+};
+
+/// @throws fatal_error  unless all groups lie within 1 to neq.
+void check_groups(std::span<const equation_range> groups, std::int64_t neq, logger& log);
+
+// ---- convergence criteria (modsolveriod_criteria.cpp)
+// ---------------------------------------------------------
+
+/// CR, CD, CK, CM and CC, and which of them is compared with the threshold.
+class criteria {
+  public:
+    /// Sets start values, and `eigmin` and `condnumber` of the record, from `convtype`.
+    /// @throws fatal_error  for an unknown one.
+    criteria(solver_type& solver, logger& log);
+
+    /// CR at the start; `normminvb` is the norm of M^-1 b.
+    void start(double bb, double rr, double normminvb);
+    void iterated(const pcg_state& s);
+
+    /// One of CK, CM and CC is selected, so that eigenvalues count.
+    [[nodiscard]] bool bounds() const { return family_; }
+    [[nodiscard]] double selected() const { return *selected_; }
+    [[nodiscard]] double ck() const { return ck_; }
+    [[nodiscard]] double cm() const { return cm_; }
+    /// The values of a row of "convergence.dat".
+    [[nodiscard]] convergence_values row(const pcg_state& s) const;
+
+    criteria(const criteria&) = delete;
+    criteria& operator=(const criteria&) = delete;
+
+  private:
+    solver_type& solver_;
+    double cr_ = 0.0, cd_ = 1.0, ck_ = 1.0, cm_ = 1.0, cc_ = 1.0;
+    double bb_ = 0.0, normminvb_ = 0.0;
+    bool family_ = false;
+    const double* selected_ = &cr_;
+};
+
+// ---- control and report (modsolveriod_report.cpp)
+// -------------------------------------------------------------
+
+/// What a solver on data shows, writes and heeds in each iteration.
+class iteration_report final : public pcg_control {
+  public:
+    iteration_report(param_type& param, std::span<const equation_range> groups,
+                     std::span<const covariable_type> cov, logger& log);
+
+    /// After the start-up: norms to the log, files opened, first rows, first look at the files of control.
+    /// @param b  right-hand side, r  residual.
+    void start(std::span<const double> b, std::span<const double> r, double bb, double normminvb);
+
+    [[nodiscard]] bool goes_on(const pcg_state& s) const override;
+    void updated(const pcg_state& s, const pcg_vectors& v) override;
+    void iterated(const pcg_state& s, const pcg_vectors& v) override;
+
+    /// After the loop: time, files closed, the last graph, condition number and error bound.
+    /// @returns how it ended; a value that is not finite was warned of.
+    solver_result finish(const pcg_state& s, std::span<const double> x);
+
+  private:
+    void update_eigenvalues(std::int32_t i);
+    void write_ritz(std::int32_t i);
+    void write_tmpsol(const pcg_state& s, std::span<const double> x);
+    void log_iteration(std::int32_t i, double tau, double seconds);
+
+    param_type& param_;
+    solver_type& solver_;
+    std::span<const equation_range> ranges_;
+    std::span<const covariable_type> cov_;
+    logger& log_;
+    std::string directory_;
+    criteria criteria_;
+    std::int32_t miniter_, maxiter_now_;
+    std::optional<group_convergence> groups_;
+    std::optional<convaggregate_state> aggregate_;
+    std::optional<cg_tridiagonal> t_;
+    std::optional<row_file> convergence_, ritz_;
+    convergence_graph graph_;
+    wtime clock_;
+};
+
+}  // namespace zendar::detail

@@ -1,0 +1,102 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "random_model.hpp"
+#include "read_model.hpp"
+
+/// Whole runs of small random models, in process, against the solutions of their dense equations.
+namespace zendar::test {
+namespace {
+
+struct solver_choice {
+    std::string options;
+    int threads = 1;
+};
+
+/// Kernel, preconditioner and number of threads of a run.
+solver_choice choose(const random_model& model, std::uint64_t seed) {
+    std::mt19937_64 random(seed * 104729);
+    const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
+    const auto neffect = static_cast<int>(model.effects.size());
+    solver_choice choice;
+    choice.threads = pick(1, 8);
+    choice.options = "!convcrit 1e-25\n!maxiter 800\n!noesteigen\n";
+    const char* const kernels[] = {"", "!notoptimem\n", "!optimem 0\n", "!optimem 1\n", "!optimem 5\n"};
+    choice.options += kernels[pick(0, 4)];
+
+    // Groups may not cut a correlated group in two, nor share equations with another effect.
+    const auto is_free = [&](int e) {
+        return model.effects[e - 1].owner == e &&
+               std::ranges::none_of(model.effects, [&](const random_effect& effect) {
+                   return effect.owner == e && &effect != &model.effects[e - 1];
+               });
+    };
+    const auto group_end = [&](int e) { return e + std::max(model.effects[e - 1].nmember, 1) - 1; };
+    const auto one = [&](char letter, int e) {
+        return std::string("!structprecond ") + letter + " 1 " + std::to_string(e) + "\n";
+    };
+    switch (pick(0, 6)) {
+        case 0:
+            break;
+        case 1:
+            choice.options += "!structprecond a\n";
+            break;
+        case 2:
+        case 3:
+            for (int e = 1; e <= neffect; e = group_end(e) + 1)
+                if (is_free(e)) choice.options += one(pick(0, 1) == 0 ? 'd' : 'b', e);
+            break;
+        case 4: {
+            const int e = pick(1, neffect);
+            if (is_free(e) && model.effects[e - 1].type_random == 0 && e == 1) choice.options += one('w', e);
+            break;
+        }
+        default: {
+            if (!std::ranges::all_of(model.effects, [&](const random_effect& effect) {
+                    return is_free(static_cast<int>(&effect - model.effects.data()) + 1);
+                }))
+                break;
+            const char letter = pick(0, 1) == 0 ? 's' : 'f';
+            choice.options +=
+                std::string("!structprecond ") + letter + " 1 " + std::to_string(neffect) + "\n";
+        }
+    }
+    return choice;
+}
+
+TEST(SolutionReference, RandomModelsWithEveryPreconditionerKernelAndNumberOfThreads) {
+    int solved = 0;
+    for (std::uint64_t seed = 1; seed <= 300; ++seed) {
+        std::mt19937_64 random(seed * 15485863);
+        model_choice choice;
+        choice.ntrait = std::uniform_int_distribution<int>(1, 6)(random);
+        choice.nrec = std::uniform_int_distribution<int>(2, 60)(random);
+        choice.neffect = std::uniform_int_distribution<int>(1, 4)(random);
+        choice.combieff = seed % 6 == 1;
+        choice.andeffect = seed % 7 == 2;
+        choice.sorted = seed % 2 == 0;
+        const random_model model(choice, seed);
+        if (std::ranges::all_of(model.b, [](double v) { return v == 0.0; })) continue;
+        const solver_choice solver = choose(model, seed);
+        SCOPED_TRACE("seed " + std::to_string(seed) + ", " + std::to_string(solver.threads) +
+                     " threads: " + model.describe() + "\n" + solver.options);
+        const threads scope(solver.threads);
+        read_model read(model, solver.options);
+        setlhsrhs(read.run);
+        solve(read.run);
+        const std::vector<double> expected = model.estimable(dense_solution(model.c, model.b));
+        EXPECT_LT(difference(model.estimable(read.run.solutions), expected), 1e-8);
+        ++solved;
+        if (HasFailure()) {
+            ADD_FAILURE() << read.screen.str().substr(
+                read.screen.str().size() > 3000 ? read.screen.str().size() - 3000 : 0);
+            break;
+        }
+    }
+    EXPECT_GT(solved, 290);
+}
+
+}  // namespace
+}  // namespace zendar::test

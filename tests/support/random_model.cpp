@@ -1,0 +1,412 @@
+#include "random_model.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <numeric>
+#include <stdexcept>
+
+#include "modblas.hpp"
+
+namespace zendar::test {
+
+namespace {
+
+std::string number(double value) {
+    char text[40];
+    std::snprintf(text, sizeof text, "%.17g", value);
+    return text;
+}
+
+}  // namespace
+
+std::int32_t random_model::pick(std::int32_t lo, std::int32_t hi) {
+    return std::uniform_int_distribution<std::int32_t>(lo, hi)(random_);
+}
+bool random_model::chance(double p) {
+    return std::bernoulli_distribution(p)(random_);
+}
+double random_model::normal() {
+    return std::normal_distribution<double>()(random_);
+}
+
+matrix<double> random_model::random_covariance(std::int32_t n) {
+    matrix<double> l(n, n), v(n, n);
+    for (std::int32_t i = 0; i < n; ++i)
+        for (std::int32_t j = 0; j <= i; ++j)
+            l(i, j) = i == j ? 1.0 + 0.5 * std::abs(normal()) : 0.3 * normal();
+    for (std::int32_t i = 0; i < n; ++i)
+        for (std::int32_t j = 0; j < n; ++j)
+            for (std::int32_t k = 0; k < n; ++k) v(i, j) += l(i, k) * l(j, k);
+    return v;
+}
+
+random_model::random_model(const model_choice& choice, std::uint64_t seed)
+    : ntrait(choice.ntrait), nrec(choice.nrec), random_(seed) {
+    lweights_ = choice.weights && chance(0.5);
+    make_effects(choice);
+    make_records(choice);
+    number_equations();
+    form_equations();
+}
+
+void random_model::make_effects(const model_choice& choice) {
+    for (std::int32_t e = 1; e <= choice.neffect;) {
+        const bool opener = e > 1 && (choice.always_random || chance(0.6));
+        const std::int32_t nmember = opener && choice.correlated && e < choice.neffect && chance(0.4) ? 2 : 1;
+        const bool external = opener && choice.external && chance(0.4);
+        const std::int32_t nlevel = pick(1, 9);
+        std::int32_t order = 0;
+        std::vector<bool> in_block;
+        for (std::int32_t k = 0; k < nmember; ++k) {
+            random_effect effect;
+            effect.owner = e + k;
+            effect.covariable = choice.covariables && chance(0.4);
+            if (effect.covariable) {
+                effect.ncov = pick(1, 3);
+                effect.nlevel = pick(2, 12);
+                // A group repeats its block at the same levels; a lone covariable need not be nested.
+                const bool nested = nmember > 1 || external || chance(0.6);
+                effect.nnest = nested ? nlevel : 0;
+                effect.coefficients.resize(effect.nlevel);
+                for (auto& line : effect.coefficients)
+                    if (chance(0.9) || &line == &effect.coefficients.back())
+                        for (std::int32_t j = 0; j < effect.ncov; ++j) line.push_back(normal());
+            } else {
+                effect.nlevel = nlevel;
+            }
+            effect.present.assign(ntrait, true);
+            if (choice.absent && chance(0.3))
+                for (std::int32_t t = 1; t < ntrait; ++t) effect.present[t] = chance(0.6);
+            effect.slot.resize(ntrait);
+            std::iota(effect.slot.begin(), effect.slot.end(), 1);
+            for (std::int32_t j = 0; j < effect.ncov; ++j)
+                in_block.insert(in_block.end(), effect.present.begin(), effect.present.end());
+            order += effect.ncov * ntrait;
+            effects.push_back(effect);
+        }
+        if (opener) {
+            random_effect& first = effects[e - 1];
+            first.type_random = external ? 10 : 1;
+            first.nmember = nmember;
+            first.g = random_covariance(order);
+            // What a trait does not have does not vary.
+            for (std::int32_t i = 0; i < order; ++i)
+                for (std::int32_t j = 0; j < order; ++j)
+                    if (!in_block[i] || !in_block[j]) first.g(i, j) = 0.0;
+            if (external) first.ainv = random_covariance(first.nslot_level());
+        }
+        e += nmember;
+    }
+    if (choice.combieff && ntrait > 1) {
+        for (random_effect& effect : effects)
+            if (!effect.covariable || chance(0.5))
+                if (std::ranges::all_of(effect.present, [](bool p) { return p; }) && chance(0.7)) {
+                    for (std::int32_t t = 1; t < ntrait; ++t) effect.slot[t] = pick(1, t + 1);
+                    lcombieff_ = true;
+                }
+    }
+    if (choice.andeffect) {
+        // One more class effect that has the equations of the first class effect.
+        for (std::int32_t e = 1; e <= std::ssize(effects); ++e)
+            if (!effects[e - 1].covariable && effects[e - 1].nmember < 2) {
+                random_effect twin = effects[e - 1];
+                twin.owner = e;
+                twin.type_random = twin.nmember = 0;
+                effects.push_back(twin);
+                landeffect_ = true;
+                break;
+            }
+    }
+}
+
+void random_model::make_records(const model_choice& choice) {
+    const auto n = static_cast<std::int32_t>(effects.size());
+    const std::int32_t nclass = choice.residual_classes && chance(0.5) ? 2 : 1;
+    for (std::int32_t k = 0; k < nclass; ++k) residual.push_back(random_covariance(ntrait));
+    level = matrix<std::int32_t>(n, nrec);
+    nesting = matrix<std::int32_t>(n, nrec);
+    y = matrix<double>(ntrait, nrec);
+    if (lweights_) weight = matrix<double>(ntrait, nrec, 1.0);
+    for (std::int32_t rec = 0; rec < nrec; ++rec) {
+        for (std::int32_t e = 0; e < n; ++e) {
+            level(e, rec) = chance(0.05) ? 0 : pick(1, effects[e].nlevel);
+            if (effects[e].nnest > 0) nesting(e, rec) = chance(0.05) ? 0 : pick(1, effects[e].nnest);
+        }
+        residual_class.push_back(pick(1, nclass));
+        const bool all_missing = choice.missing && chance(0.03);
+        for (std::int32_t t = 0; t < ntrait; ++t) {
+            y(t, rec) = all_missing || (choice.missing && chance(0.25)) ? -9.0 : 10.0 + normal();
+            if (lweights_ && t != 1) weight(t, rec) = 0.2 + std::abs(normal());
+        }
+    }
+    if (choice.sorted) {
+        std::vector<std::int32_t> last;
+        for (std::int32_t rec = 0; rec < nrec; ++rec) last.push_back(level(n - 1, rec));
+        std::ranges::sort(last);
+        for (std::int32_t rec = 0; rec < nrec; ++rec) level(n - 1, rec) = last[rec];
+    }
+    std::int32_t column = ntrait;
+    for (random_effect& effect : effects) {
+        effect.column = ++column;
+        if (effect.nnest > 0) effect.nested_column = ++column;
+    }
+}
+
+void random_model::number_equations() {
+    for (std::int32_t e = 1; e <= std::ssize(effects); ++e) {
+        const random_effect& effect = effects[e - 1];
+        for (std::int32_t l = 1; l <= effect.nslot_level(); ++l)
+            for (std::int32_t j = 1; j <= effect.ncov; ++j)
+                for (std::int32_t s = 1; s <= ntrait; ++s)
+                    equations_[{e, l, j, s}] =
+                        effect.owner == e ? ++neq : equations_.at({effect.owner, l, j, s});
+    }
+}
+
+std::vector<std::pair<std::int64_t, double>> random_model::row_of(std::int32_t t, std::int32_t rec) const {
+    std::vector<std::pair<std::int64_t, double>> row;
+    for (std::int32_t e = 1; e <= std::ssize(effects); ++e) {
+        const random_effect& effect = effects[e - 1];
+        const std::int32_t l = level(e - 1, rec);
+        if (l < 1 || !effect.present[t]) continue;
+        if (!effect.covariable) {
+            row.emplace_back(equation(e, l, 1, effect.slot[t]) - 1, 1.0);
+            continue;
+        }
+        const std::int32_t at = effect.nnest > 0 ? nesting(e - 1, rec) : 1;
+        if (at < 1) continue;
+        const std::vector<double>& coefficients = effect.coefficients[l - 1];
+        for (std::int32_t j = 1; j <= std::ssize(coefficients); ++j)
+            row.emplace_back(equation(e, at, j, effect.slot[t]) - 1, coefficients[j - 1]);
+    }
+    return row;
+}
+
+std::vector<double> random_model::estimable(std::span<const double> x) const {
+    std::vector<double> values;
+    for (std::int32_t rec = 0; rec < nrec; ++rec)
+        for (std::int32_t t = 0; t < ntrait; ++t) {
+            if (y(t, rec) == -9.0) continue;
+            double fitted = 0.0;
+            for (const auto& [eq, coefficient] : row_of(t, rec)) fitted += coefficient * x[eq];
+            values.push_back(fitted);
+        }
+    for (std::int64_t i = 0; i < neq; ++i)
+        if (c(i, i) > xrx(i, i)) values.push_back(x[i]);
+    return values;
+}
+
+void random_model::form_equations() {
+    c = matrix<double>(neq, neq);
+    b.assign(neq, 0.0);
+    for (std::int32_t rec = 0; rec < nrec; ++rec) {
+        std::vector<std::int32_t> seen;
+        for (std::int32_t t = 0; t < ntrait; ++t)
+            if (y(t, rec) != -9.0) seen.push_back(t);
+        const auto n = std::ssize(seen);
+        matrix<double> r(n, n);
+        for (std::int64_t i = 0; i < n; ++i)
+            for (std::int64_t j = 0; j < n; ++j)
+                r(i, j) = residual[residual_class[rec] - 1](seen[i], seen[j]);
+        const matrix<double> ri = dense_inverse(r);
+        for (std::int64_t i = 0; i < n; ++i)
+            for (std::int64_t j = 0; j < n; ++j) {
+                double v = ri(i, j);
+                if (lweights_) v *= weight(seen[i], rec) * weight(seen[j], rec);
+                for (const auto& [eq, x] : row_of(seen[i], rec)) {
+                    b[eq] += x * v * y(seen[j], rec);
+                    for (const auto& [eq2, x2] : row_of(seen[j], rec)) c(eq, eq2) += x * v * x2;
+                }
+            }
+    }
+    xrx = c;
+    for (std::int32_t e = 1; e <= std::ssize(effects); ++e) {
+        const random_effect& first = effects[e - 1];
+        if (first.type_random == 0) continue;
+        std::vector<std::tuple<std::int32_t, std::int32_t, std::int32_t>> block;  // effect, covariable, slot
+        for (std::int32_t k = 0; k < first.nmember; ++k)
+            for (std::int32_t j = 1; j <= effects[e - 1 + k].ncov; ++j)
+                for (std::int32_t s = 1; s <= ntrait; ++s) block.emplace_back(e + k, j, s);
+        // Only what varies has a prior.
+        std::vector<std::int64_t> varies;
+        for (std::int64_t i = 0; i < std::ssize(block); ++i)
+            if (first.g(i, i) > 0.0) varies.push_back(i);
+        matrix<double> g(std::ssize(varies), std::ssize(varies));
+        for (std::int64_t i = 0; i < g.rows(); ++i)
+            for (std::int64_t j = 0; j < g.cols(); ++j) g(i, j) = first.g(varies[i], varies[j]);
+        const matrix<double> gi = dense_inverse(g);
+        const std::int32_t nlevel = first.nslot_level();
+        for (std::int32_t l1 = 1; l1 <= nlevel; ++l1)
+            for (std::int32_t l2 = 1; l2 <= nlevel; ++l2) {
+                const double a = first.ainv.empty() ? (l1 == l2 ? 1.0 : 0.0) : first.ainv(l1 - 1, l2 - 1);
+                if (a == 0.0) continue;
+                for (std::int64_t i = 0; i < g.rows(); ++i)
+                    for (std::int64_t j = 0; j < g.cols(); ++j) {
+                        const auto [e1, j1, s1] = block[varies[i]];
+                        const auto [e2, j2, s2] = block[varies[j]];
+                        c(equation(e1, l1, j1, s1) - 1, equation(e2, l2, j2, s2) - 1) += a * gi(i, j);
+                    }
+            }
+    }
+}
+
+void random_model::write(const temporary_directory& directory, const std::string& options) const {
+    const bool classes = residual.size() > 1;
+    std::int32_t columns = ntrait;
+    for (const random_effect& effect : effects) columns += effect.nnest > 0 ? 2 : 1;
+    const std::int32_t class_column = ++columns, first_weight = columns + 1;
+
+    std::string par = "N_TRAITS\n" + std::to_string(ntrait) + "\nN_WEIGHTS\n" +
+                      std::to_string(lweights_ ? ntrait : 0) + "\nN_EFFECTS\n" +
+                      std::to_string(effects.size()) + "\nPOS_TRAITS\n";
+    for (std::int32_t t = 1; t <= ntrait; ++t) par += std::to_string(t) + " ";
+    par += "\nPOS_WEIGHTS\n";
+    for (std::int32_t t = 0; t < ntrait; ++t)
+        par += std::to_string(lweights_ && t != 1 ? first_weight + t : 0) + " ";
+    par += "\nPOS_EFFECTS TYPE_EFFECT N_LEVEL N_COV POS_NESTED N_LEVEL COV_FILE\n";
+    for (std::size_t e = 0; e < effects.size(); ++e) {
+        const random_effect& effect = effects[e];
+        for (std::int32_t t = 0; t < ntrait; ++t)
+            par += std::to_string(effect.present[t] ? effect.column : 0) + " ";
+        par += std::to_string(effect.covariable ? 1 : 0) + " " + std::to_string(effect.nlevel) + " " +
+               std::to_string(effect.ncov) + " ";
+        for (std::int32_t t = 0; t < ntrait; ++t) par += std::to_string(effect.nested_column) + " ";
+        par += std::to_string(effect.nnest) + " ";
+        if (!effect.covariable) {
+            par += "none\n";
+            continue;
+        }
+        const std::string file = "coefficients_" + std::to_string(e + 1) + ".txt";
+        par += file + "\n";
+        std::string text;
+        for (std::size_t l = 0; l < effect.coefficients.size(); ++l) {
+            if (effect.coefficients[l].empty()) continue;
+            text += std::to_string(l + 1);
+            for (const double v : effect.coefficients[l]) text += " " + number(v);
+            text += "\n";
+        }
+        directory.write(file, text);
+    }
+    par += "N_RESIDUAL_COV\n" + std::to_string(residual.size()) + " " +
+           std::to_string(classes ? class_column : 0) + "\nresidual.txt\n";
+    std::string text;
+    for (std::size_t k = 0; k < residual.size(); ++k)
+        for (std::int32_t i = 0; i < ntrait; ++i) {
+            text += std::to_string(i + 1) + " " + std::to_string(k + 1);
+            for (std::int32_t j = 0; j <= i; ++j) text += " " + number(residual[k](i, j));
+            text += "\n";
+        }
+    directory.write("residual.txt", text);
+    for (std::size_t e = 0; e < effects.size(); ++e) {
+        const random_effect& effect = effects[e];
+        if (effect.type_random == 0) continue;
+        const std::string id = std::to_string(e + 1);
+        par += "EFFECT_ID TYPE_RANDOM N_CORRELATED_EFFECTS DIM_G\n" + id + " " +
+               std::to_string(effect.type_random) + " " + std::to_string(effect.nmember - 1) + " " +
+               std::to_string(effect.g.rows()) + "\n";
+        if (effect.type_random == 10) {
+            par += "ainv_" + id + ".txt\n";
+            text.clear();
+            for (std::int64_t i = 0; i < effect.ainv.rows(); ++i)
+                for (std::int64_t j = 0; j <= i; ++j)
+                    text += std::to_string(i + 1) + " " + std::to_string(j + 1) + " " +
+                            number(effect.ainv(i, j)) + "\n";
+            directory.write("ainv_" + id + ".txt", text);
+        }
+        par += "g_" + id + ".txt\n";
+        text.clear();
+        for (std::int64_t i = 0; i < effect.g.rows(); ++i) {
+            for (std::int64_t j = 0; j <= i; ++j) text += number(effect.g(i, j)) + " ";
+            text += "\n";
+        }
+        directory.write("g_" + id + ".txt", text);
+    }
+    par += "PHENO_FILE\ndata.txt\n";
+    if (lcombieff_)
+        for (std::size_t e = 0; e < effects.size(); ++e) {
+            par += "!combieff " + std::to_string(e + 1);
+            for (const std::int32_t s : effects[e].slot) par += " " + std::to_string(s);
+            par += "\n";
+        }
+    for (std::size_t e = 0; landeffect_ && e < effects.size(); ++e)
+        if (effects[e].owner != static_cast<std::int32_t>(e + 1))
+            par += "!andeffect 1 " + std::to_string(effects[e].owner) + " " + std::to_string(e + 1) + "\n";
+    directory.write("model.par", par + options);
+
+    text.clear();
+    for (std::int32_t rec = 0; rec < nrec; ++rec) {
+        for (std::int32_t t = 0; t < ntrait; ++t) text += number(y(t, rec)) + " ";
+        for (std::size_t e = 0; e < effects.size(); ++e) {
+            text += std::to_string(level(e, rec)) + " ";
+            if (effects[e].nnest > 0) text += std::to_string(nesting(e, rec)) + " ";
+        }
+        text += std::to_string(residual_class[rec]);
+        for (std::int32_t t = 0; lweights_ && t < ntrait; ++t) text += " " + number(weight(t, rec));
+        text += "\n";
+    }
+    directory.write("data.txt", text);
+}
+
+std::string random_model::describe() const {
+    std::string text = std::to_string(ntrait) + " traits, " + std::to_string(nrec) + " records";
+    for (const random_effect& effect : effects)
+        text += "; " + std::string(effect.covariable ? "covariable" : "class") + " levels " +
+                std::to_string(effect.nlevel) + " covs " + std::to_string(effect.ncov) + " nested " +
+                std::to_string(effect.nnest) + " random " + std::to_string(effect.type_random) + " members " +
+                std::to_string(effect.nmember) + " owner " + std::to_string(effect.owner);
+    return text;
+}
+
+matrix<double> dense_inverse(matrix<double> a) {
+    const std::int64_t n = a.rows();
+    matrix<double> inverse(n, n);
+    for (std::int64_t i = 0; i < n; ++i) inverse(i, i) = 1.0;
+    for (std::int64_t k = 0; k < n; ++k) {
+        std::int64_t p = k;
+        for (std::int64_t i = k + 1; i < n; ++i)
+            if (std::abs(a(i, k)) > std::abs(a(p, k))) p = i;
+        if (a(p, k) == 0.0) throw std::domain_error("a singular matrix");
+        for (std::int64_t j = 0; j < n; ++j) {
+            std::swap(a(p, j), a(k, j));
+            std::swap(inverse(p, j), inverse(k, j));
+        }
+        const double pivot = a(k, k);
+        for (std::int64_t j = 0; j < n; ++j) {
+            a(k, j) /= pivot;
+            inverse(k, j) /= pivot;
+        }
+        for (std::int64_t i = 0; i < n; ++i) {
+            const double factor = a(i, k);
+            if (i == k || factor == 0.0) continue;
+            for (std::int64_t j = 0; j < n; ++j) {
+                a(i, j) -= factor * a(k, j);
+                inverse(i, j) -= factor * inverse(k, j);
+            }
+        }
+    }
+    return inverse;
+}
+
+std::vector<double> dense_solution(const matrix<double>& c, const std::vector<double>& b) {
+    const std::int64_t n = c.rows();
+    matrix<double> vectors = c;
+    std::vector<double> values(n), x(n, 0.0);
+    if (lapack_dsyevd_vectors(vectors.view(), values) != 0) throw std::runtime_error("no eigenvalues");
+    for (std::int64_t k = 0; k < n; ++k) {
+        if (values[k] < 1e-10 * values[n - 1]) continue;
+        double dot = 0.0;
+        for (std::int64_t i = 0; i < n; ++i) dot += vectors(i, k) * b[i];
+        for (std::int64_t i = 0; i < n; ++i) x[i] += vectors(i, k) * dot / values[k];
+    }
+    return x;
+}
+
+std::vector<double> dense_product(const matrix<double>& c, const std::vector<double>& x) {
+    std::vector<double> r(x.size(), 0.0);
+    for (std::int64_t j = 0; j < c.cols(); ++j)
+        for (std::int64_t i = 0; i < c.rows(); ++i) r[i] += c(i, j) * x[j];
+    return r;
+}
+
+}  // namespace zendar::test

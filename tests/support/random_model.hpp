@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <span>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "modview.hpp"
+#include "temporary_directory.hpp"
+
+/// Small random models with all that an instruction file can say of records, and their equations as a dense
+/// matrix, formed from the model's definition alone: C = X' R^-1 X + G^-1, b = X' R^-1 y.
+namespace zendar::test {
+
+/// What a random model may contain.
+struct model_choice {
+    std::int32_t ntrait = 1;
+    std::int32_t nrec = 40;
+    std::int32_t neffect = 3;
+    bool covariables = true;  ///< covariable effects, nested or not
+    bool correlated = true;   ///< groups of correlated random effects
+    bool external = true;     ///< effects with an external inverse relationship matrix
+    bool residual_classes = true;
+    bool weights = true;
+    bool missing = true;
+    bool absent = true;  ///< effects that some traits do not have
+    bool combieff = false;
+    bool andeffect = false;
+    bool sorted = false;         ///< records in the order of the last effect's levels
+    bool always_random = false;  ///< every effect but the first is random, so that solutions are unique
+};
+
+struct random_effect {
+    bool covariable = false;
+    std::int32_t nlevel = 1, ncov = 1, nnest = 0;
+    std::int32_t type_random = 0, nmember = 0;      ///< nmember: effects of the group that this one opens
+    std::int32_t column = 0, nested_column = 0;     ///< of the phenotype file, from 1
+    std::vector<bool> present;                      ///< per trait
+    std::vector<std::int32_t> slot;                 ///< per trait, from 1
+    std::int32_t owner = 0;                         ///< effect whose equations this one has, from 1
+    std::vector<std::vector<double>> coefficients;  ///< per level; empty: no line in the file
+    matrix<double> g;     ///< covariances of the group, by member, covariable and trait
+    matrix<double> ainv;  ///< inverse relationships of the levels
+    [[nodiscard]] std::int32_t nslot_level() const { return covariable ? (nnest > 0 ? nnest : 1) : nlevel; }
+};
+
+/// A model, the text of its files and its dense equations.
+class random_model {
+  public:
+    random_model(const model_choice& choice, std::uint64_t seed);
+
+    /// Writes "model.par" and all that it names.
+    void write(const temporary_directory& directory, const std::string& options = {}) const;
+
+    std::int32_t ntrait, nrec;
+    std::vector<random_effect> effects;
+    std::vector<matrix<double>> residual;      ///< per class
+    matrix<double> y;                          ///< ntrait x nrec, -9 for missing
+    matrix<std::int32_t> level, nesting;       ///< effect x record
+    std::vector<std::int32_t> residual_class;  ///< per record, from 1
+    matrix<double> weight;                     ///< ntrait x nrec, or empty
+
+    std::int64_t neq = 0;
+    matrix<double> xrx;     ///< neq x neq: X' R^-1 X
+    matrix<double> c;       ///< neq x neq
+    std::vector<double> b;  ///< neq
+
+    /// Equation (from 1) of an unknown of effect e (from 1).
+    [[nodiscard]] std::int64_t equation(std::int32_t e, std::int32_t level, std::int32_t covariable,
+                                        std::int32_t slot) const {
+        return equations_.at({e, level, covariable, slot});
+    }
+    [[nodiscard]] std::string describe() const;
+    /// The row of X of a trait (from 0) of a record (from 0): equations (from 0) and coefficients.
+    [[nodiscard]] std::vector<std::pair<std::int64_t, double>> row_of(std::int32_t t, std::int32_t rec) const;
+    /// What is unique in any solution: the fitted values of all records and traits, then all that has a
+    /// prior.
+    [[nodiscard]] std::vector<double> estimable(std::span<const double> x) const;
+
+  private:
+    void make_effects(const model_choice& choice);
+    void make_records(const model_choice& choice);
+    void number_equations();
+    void form_equations();
+    [[nodiscard]] matrix<double> random_covariance(std::int32_t n);
+    [[nodiscard]] std::int32_t pick(std::int32_t lo, std::int32_t hi);
+    [[nodiscard]] bool chance(double p);
+    [[nodiscard]] double normal();
+
+    std::mt19937_64 random_;
+    bool lweights_ = false, lcombieff_ = false, landeffect_ = false;
+    std::map<std::tuple<std::int32_t, std::int32_t, std::int32_t, std::int32_t>, std::int64_t> equations_;
+};
+
+/// Inverse of a symmetric positive definite matrix by Gauss-Jordan elimination with the largest pivots.
+[[nodiscard]] matrix<double> dense_inverse(matrix<double> a);
+/// The solution of least norm of a symmetric positive semidefinite consistent system, by its eigenvectors.
+[[nodiscard]] std::vector<double> dense_solution(const matrix<double>& c, const std::vector<double>& b);
+[[nodiscard]] std::vector<double> dense_product(const matrix<double>& c, const std::vector<double>& x);
+
+}  // namespace zendar::test
