@@ -4,6 +4,7 @@
 #include <array>
 #include <cassert>
 #include <type_traits>
+#include <utility>
 
 #include "modpreconditioneriod_chols.hpp"
 #include "modpreconditioneriod_detail.hpp"
@@ -16,52 +17,101 @@ namespace {
 constexpr int largest_small = 6;  // blocks up to this order have a loop of their own
 constexpr int largest_on_stack = 32;
 
-/// y = a x for a symmetric matrix of order N (0: n), packed by the columns of its upper triangle. The whole
-/// of y is written once, at the end, so that it stays in registers for small N.
-template <int N, class Real>
-inline void packed_times_vector(const Real* a, std::int64_t n, const double* x, double* y) {
-    if constexpr (N > 0) {
-        std::array<double, N> own{}, sum{};
-        for (int i = 0; i < N; ++i) own[i] = x[i];
-        for (int k = 0; k < N; ++k) {
-            for (int i = 0; i < k; ++i) {
-                const double value = a[k * (k + 1) / 2 + i];
-                sum[k] += value * own[i];
-                sum[i] += value * own[k];
-            }
-            sum[k] += static_cast<double>(a[k * (k + 1) / 2 + k]) * own[k];
-        }
-        for (int i = 0; i < N; ++i) y[i] = sum[i];
-    } else {
-        for (std::int64_t k = 0; k < n; ++k) {
-            const double xk = x[k];
-            double sum = 0.0;
+/// y = a x for a symmetric matrix of order n, packed by the columns of its upper triangle.
+template <class Real>
+void packed_times_vector(const Real* a, std::int64_t n, const double* x, double* y) {
+    for (std::int64_t k = 0; k < n; ++k) {
+        const double xk = x[k];
+        double sum = 0.0;
 #pragma omp simd reduction(+ : sum)
-            for (std::int64_t i = 0; i < k; ++i) {
-                const double value = a[i];
-                sum += value * x[i];
-                y[i] += value * xk;
-            }
-            y[k] = sum + static_cast<double>(a[k]) * xk;
-            a += k + 1;
+        for (std::int64_t i = 0; i < k; ++i) {
+            const double value = a[i];
+            sum += value * x[i];
+            y[i] += value * xk;
         }
+        y[k] = sum + static_cast<double>(a[k]) * xk;
+        a += k + 1;
     }
+}
+
+/// What column K of the packed triangle adds to the product, its rows written out.
+template <int K, std::size_t N, int... I>
+inline void add_column(const float* a, const std::array<double, N>& x, std::array<double, N>& y,
+                       std::integer_sequence<int, I...>) {
+    const float* const column = a + K * (K + 1) / 2;
+    [[maybe_unused]] const auto add_row = [&](int i) {  // the first column has none
+        const double value = column[i];
+        y[K] += value * x[i];
+        y[i] += value * x[K];
+    };
+    (add_row(I), ...);
+    y[K] += static_cast<double>(column[K]) * x[K];
+}
+
+/// The same for a small order. All loops are written out, as compilers leave those over a triangle as they
+/// are: x and y so stay in registers.
+template <std::size_t N, int... K>
+inline std::array<double, N> small_times_vector(const float* a, const std::array<double, N>& x,
+                                                std::integer_sequence<int, K...>) {
+    std::array<double, N> y{};
+    (add_column<K>(a, x, y, std::make_integer_sequence<int, K>{}), ...);
+    return y;
 }
 
 template <int N>
 void contiguous_levels(double* y, const mija& part, const double* x) {
-    const std::int64_t n = N > 0 ? N : part.dim1, size = packed_size(part), nlevel = part.dim3;
+    const std::int64_t nlevel = part.dim3;
     const float* const block = part.block.data();
+    if constexpr (N > 0) {
+#pragma omp parallel for schedule(static) default(none) shared(y, x, block, nlevel)
+        for (std::int64_t level = 0; level < nlevel; ++level) {
+            std::array<double, N> own;
+            for (int i = 0; i < N; ++i) own[i] = x[level * N + i];
+            const auto product =
+                small_times_vector(block + level * packed(0, N), own, std::make_integer_sequence<int, N>{});
+            for (int i = 0; i < N; ++i) y[level * N + i] = product[i];
+        }
+    } else {
+        const std::int64_t n = part.dim1, size = packed_size(part);
 #pragma omp parallel for schedule(static) default(none) shared(y, x, block, n, size, nlevel)
-    for (std::int64_t level = 0; level < nlevel; ++level)
-        packed_times_vector<N>(block + level * size, n, x + level * n, y + level * n);
+        for (std::int64_t level = 0; level < nlevel; ++level)
+            packed_times_vector(block + level * size, n, x + level * n, y + level * n);
+    }
+}
+
+/// The places of a block's equations at the first level, and from one level to the next.
+template <std::size_t N>
+void places_of(std::span<const block_stretch> stretches, std::array<std::int64_t, N>& first,
+               std::array<std::int64_t, N>& stride) {
+    std::size_t place = 0;
+    for (const block_stretch& s : stretches)
+        for (std::int64_t i = 0; i < s.length; ++i, ++place) {
+            first[place] = s.first + i;
+            stride[place] = s.stride;
+        }
+}
+
+template <int N>
+void gathered_small_levels(double* y, const mija& part, const double* x) {
+    const std::int64_t nlevel = part.dim3;
+    const float* const block = part.block.data();
+    std::array<std::int64_t, N> first, stride;
+    places_of(part.stretches, first, stride);
+#pragma omp parallel for schedule(static) default(none) shared(y, x, block, nlevel) \
+    firstprivate(first, stride)
+    for (std::int64_t level = 0; level < nlevel; ++level) {
+        std::array<double, N> own;
+        for (int i = 0; i < N; ++i) own[i] = x[first[i] + level * stride[i]];
+        const auto product =
+            small_times_vector(block + level * packed(0, N), own, std::make_integer_sequence<int, N>{});
+        for (int i = 0; i < N; ++i) y[first[i] + level * stride[i]] = product[i];
+    }
 }
 
 /// Gathers, multiplies and scatters. `work` has 2 n elements for each thread when n is beyond the stack's
 /// array.
-template <int N>
 void gathered_levels(double* y, const mija& part, const double* x, double* work) {
-    const std::int64_t n = N > 0 ? N : part.dim1, size = packed_size(part), nlevel = part.dim3;
+    const std::int64_t n = part.dim1, size = packed_size(part), nlevel = part.dim3;
     const float* const block = part.block.data();
     const std::span<const block_stretch> stretches = part.stretches;
 #pragma omp parallel default(none) shared(y, x, work, block, n, size, nlevel, stretches)
@@ -74,7 +124,7 @@ void gathered_levels(double* y, const mija& part, const double* x, double* work)
             std::int64_t place = 0;
             for (const block_stretch& s : stretches)
                 for (std::int64_t i = 0; i < s.length; ++i) from[place++] = x[s.first + level * s.stride + i];
-            packed_times_vector<N>(block + level * size, n, from, to);
+            packed_times_vector(block + level * size, n, from, to);
             place = 0;
             for (const block_stretch& s : stretches)
                 for (std::int64_t i = 0; i < s.length; ++i) y[s.first + level * s.stride + i] = to[place++];
@@ -143,7 +193,12 @@ void preconditionertimesx_block_index(std::span<double> y, const mija& part, std
     std::vector<double> work;
     if (part.dim1 > largest_on_stack)
         work.resize(static_cast<std::size_t>(2 * std::int64_t{part.dim1} * omp_get_max_threads()));
-    with_order(part.dim1, [&](auto n) { gathered_levels<n()>(y.data(), part, x.data(), work.data()); });
+    with_order(part.dim1, [&](auto n) {
+        if constexpr (n() > 0)
+            gathered_small_levels<n()>(y.data(), part, x.data());
+        else
+            gathered_levels(y.data(), part, x.data(), work.data());
+    });
 }
 
 void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global, std::span<const double> x,
@@ -160,7 +215,7 @@ void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global
                 solvs8(part.dense.view(), range(y), range(x));
                 break;
             case precond_whole:
-                packed_times_vector<0>(part.w.data(), part.dim1, range(x).data(), range(y).data());
+                packed_times_vector(part.w.data(), part.dim1, range(x).data(), range(y).data());
                 break;
             case precond_sparse:
             case precond_auto:

@@ -36,7 +36,7 @@ template <int N>
 void ginv_of_level(double* a, std::int64_t order, double* diagonal, unsigned char* used) {
     const std::int64_t n = N > 0 ? N : order;
     const double tolerance = block_tolerance(n);
-    const auto at = [a, n](std::int64_t i, std::int64_t j) -> double& { return a[i + j * n]; };
+    const auto at = [=](std::int64_t i, std::int64_t j) -> double& { return a[i + j * n]; };
     for (std::int64_t k = 0; k < n; ++k) {
         diagonal[k] = at(k, k);
         used[k] = 0;
