@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "captured_log.hpp"
+#include "magnitude.hpp"
 #include "modmatop.hpp"
 
 namespace zendar {
@@ -45,14 +46,14 @@ matrix<double> product(const matrix<double>& a, const matrix<double>& b) {
 
 double largest(const matrix<double>& a) {
     double most = 0.0;
-    for (const double x : a.values()) most = std::max(most, std::abs(x));
+    for (const double x : a.values()) most = std::max(most, test::magnitude(x));
     return most;
 }
 
 double distance(const matrix<double>& a, const matrix<double>& b) {
     double most = 0.0;
     for (std::size_t k = 0; k < a.values().size(); ++k)
-        most = std::max(most, std::abs(a.values()[k] - b.values()[k]));
+        most = std::max(most, test::magnitude(a.values()[k] - b.values()[k]));
     return most;
 }
 

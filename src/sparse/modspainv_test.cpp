@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "captured_log.hpp"
+#include "magnitude.hpp"
 #include "modblas.hpp"
 #include "modspainv_test_support.hpp"
 
@@ -44,14 +45,14 @@ matrix<double> upper_dense(const upper_crs& m) {
 
 double largest(const matrix<double>& m) {
     double x = 0.0;
-    for (const double v : m.values()) x = std::max(x, std::abs(v));
+    for (const double v : m.values()) x = std::max(x, test::magnitude(v));
     return x;
 }
 
 double largest_difference(const matrix<double>& x, const matrix<double>& y) {
     double d = 0.0;
     for (std::size_t i = 0; i < x.values().size(); ++i)
-        d = std::max(d, std::abs(x.values()[i] - y.values()[i]));
+        d = std::max(d, test::magnitude(x.values()[i] - y.values()[i]));
     return d;
 }
 
@@ -249,8 +250,8 @@ TEST_P(RandomMatrices, AreSolvedByTheLdltFactors) {
         for (std::int32_t i = 0; i < n; ++i) {
             double left = 0.0;
             for (std::int32_t j = 0; j < n; ++j) left += dense(perm[i] - 1, perm[j] - 1) * x[j];
-            size = std::max(size, std::abs(ordered[i]));
-            error = std::max(error, std::abs(left - ordered[i]));
+            size = std::max(size, test::magnitude(ordered[i]));
+            error = std::max(error, test::magnitude(left - ordered[i]));
         }
         ASSERT_LE(error, 1e-10 * size);
         const matrix<double> back = product(upper_dense(m), d);

@@ -9,6 +9,8 @@
 #include <random>
 #include <vector>
 
+#include "magnitude.hpp"
+
 namespace zendar {
 namespace {
 
@@ -118,7 +120,9 @@ void check_random_case(unsigned seed) {
     const auto s = static_cast<storage>(seed % 3);
     const bool large = seed % 4 == 0, transposed = below(2) == 1;
     const std::int32_t dim1 = large ? 3000 + below(3000) : 1 + below(60);
-    const std::int32_t dim2 = s == storage::symmetric_upper ? dim1 : large ? 3000 + below(3000) : 1 + below(60);
+    const std::int32_t dim2 = s == storage::symmetric_upper ? dim1
+                              : large                       ? 3000 + below(3000)
+                                                            : 1 + below(60);
     const auto m = random_rows<Index>(dim1, dim2, s != storage::general, static_cast<pattern>(below(3)),
                                       1 + below(12), generator);
     const std::int32_t columns = 1 + below(17);
@@ -198,8 +202,8 @@ TEST_P(CrsMultiplyThreads, RepeatsAndAgreesWithOneThread) {
             for (const storage s : {storage::general, storage::upper_triangular, storage::symmetric_upper})
                 for (const bool transposed : {false, true}) {
                     std::mt19937 generator(17);
-                    const auto m = random_rows<std::int32_t>(6000, 6000, s != storage::general, where, 4,
-                                                             generator);
+                    const auto m =
+                        random_rows<std::int32_t>(6000, 6000, s != storage::general, where, 4, generator);
                     const matrix<double> x = random_matrix(6000, columns, generator);
                     const auto product = [&](int n) {
                         const threads used(n);
@@ -213,7 +217,7 @@ TEST_P(CrsMultiplyThreads, RepeatsAndAgreesWithOneThread) {
                     EXPECT_TRUE(y == product(GetParam()));
                     double largest = 0.0;
                     for (std::size_t k = 0; k < y.values().size(); ++k)
-                        largest = std::max(largest, std::abs(y.values()[k] - serial.values()[k]));
+                        largest = std::max(largest, test::magnitude(y.values()[k] - serial.values()[k]));
                     EXPECT_LT(largest, 1e-12);
                 }
 }

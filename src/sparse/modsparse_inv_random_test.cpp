@@ -6,6 +6,7 @@
 #include <string>
 
 #include "captured_log.hpp"
+#include "magnitude.hpp"
 #include "modblas.hpp"
 #include "modspainv_test_support.hpp"
 #include "modsparse.hpp"
@@ -46,14 +47,14 @@ matrix<double> random_columns(std::int64_t n, std::int64_t columns, std::mt19937
 
 double largest(const matrix<double>& m) {
     double x = 0.0;
-    for (const double v : m.values()) x = std::max(x, std::abs(v));
+    for (const double v : m.values()) x = std::max(x, test::magnitude(v));
     return x;
 }
 
 double relative_difference(const matrix<double>& x, const matrix<double>& y) {
     double d = 0.0;
     for (std::size_t i = 0; i < x.values().size(); ++i)
-        d = std::max(d, std::abs(x.values()[i] - y.values()[i]));
+        d = std::max(d, test::magnitude(x.values()[i] - y.values()[i]));
     return d / std::max(1.0, largest(y));
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <tuple>
 
+#include "magnitude.hpp"
 #include "program_run.hpp"
 
 /// The program on real data whose answers others published or computed.
@@ -37,7 +38,7 @@ void expect_solutions(const temporary_directory& run, const std::filesystem::pat
     ASSERT_FALSE(expected.empty());
     std::map<int, double> largest;
     for (const auto& [key, value] : expected)
-        largest[std::get<1>(key)] = std::max(largest[std::get<1>(key)], std::abs(value));
+        largest[std::get<1>(key)] = std::max(largest[std::get<1>(key)], magnitude(value));
     for (const auto& [key, value] : expected) {
         const auto found = actual.find(key);
         ASSERT_NE(found, actual.end());

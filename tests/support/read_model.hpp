@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "magnitude.hpp"
 #include "modsnpmodel.hpp"
 #include "random_model.hpp"
 #include "temporary_directory.hpp"
@@ -39,8 +40,8 @@ inline std::vector<double> random_vector(std::int64_t n, std::uint64_t seed) {
 /// Largest difference relative to the largest element of the reference.
 inline double difference(std::span<const double> a, std::span<const double> reference) {
     double largest = 0.0, worst = 0.0;
-    for (const double v : reference) largest = std::max(largest, std::abs(v));
-    for (std::size_t i = 0; i < a.size(); ++i) worst = std::max(worst, std::abs(a[i] - reference[i]));
+    for (const double v : reference) largest = std::max(largest, magnitude(v));
+    for (std::size_t i = 0; i < a.size(); ++i) worst = std::max(worst, magnitude(a[i] - reference[i]));
     return largest > 0.0 ? worst / largest : worst;
 }
 
