@@ -30,6 +30,38 @@ inline double read_bandwidth() {
     return sink == 0.0 ? 0.0 : static_cast<double>(data.size() * sizeof(double)) / best;
 }
 
+/// Seconds of the random accesses that an effect with levels in no order costs: for each of `index`, `width`
+/// doubles of one array read, and `width` doubles of another one of the same length added to, by every thread
+/// in arrays of its own. Streaming the list itself is part of it.
+inline double random_access_seconds(const std::vector<std::int32_t>& index, std::int64_t nlevel,
+                                    std::int64_t width) {
+    const std::int64_t n = std::ssize(index), length = nlevel * width;
+    std::vector<double> x(static_cast<std::size_t>(length), 1.0), sums(64, 0.0);
+    std::vector<std::vector<double>> r(static_cast<std::size_t>(omp_get_max_threads()));
+    double best = 1e30;
+    for (int pass = 0; pass < 6; ++pass) {
+        const wtime clock;
+#pragma omp parallel default(none) shared(index, x, r, sums, n, length, width)
+        {
+            std::vector<double>& own = r[static_cast<std::size_t>(omp_get_thread_num())];
+            own.resize(static_cast<std::size_t>(length));
+            double* const to = own.data();
+            const double* const from = x.data();
+            const std::int32_t* const at = index.data();
+            double sum = 0.0;
+#pragma omp for schedule(static) nowait
+            for (std::int64_t i = 0; i < n; ++i)
+                for (std::int64_t t = 0; t < width; ++t) sum += from[at[i] * width + t];
+#pragma omp for schedule(static)
+            for (std::int64_t i = 0; i < n; ++i)
+                for (std::int64_t t = 0; t < width; ++t) to[at[i] * width + t] += 1.0;
+            sums[static_cast<std::size_t>(omp_get_thread_num() % 64)] += sum;
+        }
+        if (pass > 0) best = std::min(best, clock.seconds());  // the first one allocates
+    }
+    return sums[0] == 0.0 ? 0.0 : best;
+}
+
 /// Sets the number of threads for as long as it lives.
 class thread_count {
   public:

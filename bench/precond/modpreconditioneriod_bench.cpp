@@ -39,10 +39,10 @@ void BM_preconditionertimesx(benchmark::State& state) {
     std::vector<mija> m = one_effect(order);
     const std::int64_t bytes = neq * std::int64_t{24} + std::ssize(m[0].mat) * 4 + std::ssize(m[0].block) * 4;
     if (gathered) m[0].stretches = {{0, 1, 1}, {m[0].dim3, order - 1, order - 1}};
-    std::vector<double> x(neq, 1.0), y(neq, 0.0);
+    std::vector<double> x(neq, 1.0), y(neq, 0.0), work;
     logger silent;
     for (auto _ : state) {
-        modpreconditioneriod::preconditionertimesx(y, m, x, silent);
+        modpreconditioneriod::preconditionertimesx(y, m, x, work, silent);
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(state.iterations() * bytes);

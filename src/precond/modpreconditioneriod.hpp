@@ -139,11 +139,12 @@ std::int64_t invertpreconditioner_block(mija& part);
 // ---- application (modpreconditioneriod_apply.cpp)
 // ---------------------------------------------------------------
 
-/// y = M^-1 x; y is overwritten. Both have one element per equation and do not overlap.
+/// y = M^-1 x; y is overwritten. Both have one element per equation and do not overlap. `work` is for sparse
+/// groups, and kept from call to call.
 /// Moves 16 bytes an equation, and of each part what it holds.
 /// @throws fatal_error  for an unknown code.
 void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global, std::span<const double> x,
-                          logger& log);
+                          std::vector<double>& work, logger& log);
 
 /// The products of all levels of a part whose equations are contiguous. Levels in parallel.
 void preconditionertimesx_block(std::span<double> y, const mija& part, std::span<const double> x);
@@ -170,12 +171,13 @@ class preconditioner final : public linear_preconditioner {
 
     /// Logs the elapsed time.
     void preconditionertimesx(std::span<double> y, std::span<const double> x) override {
-        modpreconditioneriod::preconditionertimesx(y, mija_global_, x, log_);
+        modpreconditioneriod::preconditionertimesx(y, mija_global_, x, work_, log_);
     }
     [[nodiscard]] std::span<const mija> mija_global() const noexcept { return mija_global_; }
 
   private:
     std::vector<mija> mija_global_;  ///< [e - 1]
+    std::vector<double> work_;       ///< as long as the largest sparse group
     logger& log_;
 };
 

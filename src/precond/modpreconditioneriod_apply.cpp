@@ -202,9 +202,11 @@ void preconditionertimesx_block_index(std::span<double> y, const mija& part, std
 }
 
 void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global, std::span<const double> x,
-                          logger& log) {
+                          std::vector<double>& work, logger& log) {
     assert(y.size() == x.size());
     const wtime clock;
+    for (const mija& part : mija_global)
+        work.resize(std::max(work.size(), static_cast<std::size_t>(part.sparse.getdim(1))));
     for (const mija& part : mija_global) {
         const auto range = [&part](auto v) {
             return v.subspan(static_cast<std::size_t>(part.first - 1),
@@ -219,7 +221,7 @@ void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global
                 break;
             case precond_sparse:
             case precond_auto:
-                part.sparse.solveldlt(range(y), range(x));
+                part.sparse.solveldlt_s(range(y), range(x), work);
                 break;
             case precond_reorder:
                 preconditionertimesx_block_index(y, part, x);

@@ -47,8 +47,8 @@ struct one_part {
         m[0].stretches = {{0, order, order}};
     }
     [[nodiscard]] std::vector<double> times(const std::vector<double>& x) {
-        std::vector<double> y(x.size(), -1.0);
-        preconditionertimesx(y, m, x, model.log);
+        std::vector<double> y(x.size(), -1.0), work;
+        preconditionertimesx(y, m, x, work, model.log);
         return y;
     }
 };
@@ -118,8 +118,8 @@ TEST(Preconditionertimesx, RefusesUnknownCodes) {
     part.m[0].type = 8;
     captured_log log;
     const std::vector<double> x(4);
-    std::vector<double> y(4);
-    EXPECT_EQ(fatal_message([&] { preconditionertimesx(y, part.m, x, log); }),
+    std::vector<double> y(4), work;
+    EXPECT_EQ(fatal_message([&] { preconditionertimesx(y, part.m, x, work, log); }),
               "This type of preconditioner 8 is not implemented");
     EXPECT_THAT(log.text(), HasSubstr("modpreconditioneriod % preconditionertimesx ("));
 }
@@ -129,8 +129,8 @@ TEST(Preconditionertimesx, LogsTheElapsedTime) {
     part.diagonal({1.0f, 1.0f, 1.0f, 1.0f});
     captured_log log;
     const std::vector<double> x(4);
-    std::vector<double> y(4);
-    preconditionertimesx(y, part.m, x, log);
+    std::vector<double> y(4), work;
+    preconditionertimesx(y, part.m, x, work, log);
     EXPECT_THAT(log.text(), testing::MatchesRegex("  Elapsed time \\(s\\) - M-1 \\* x: [0-9]*\\.[0-9]+\n"));
 }
 

@@ -116,8 +116,8 @@ class crs_matrix final : public gen_sparse {
     /// Frees the factors of the direct solver; the next `solve` factorises again.
     void reset_pardiso_memory();
     /// x = A^-1 y for one or several right-hand sides; the first call factorises and logs it. The matrix is
-    /// the upper triangle, sorted with a stored diagonal, of a symmetric one, definite or not; of a consistent
-    /// system of deficient rank one of the solutions is found. x and y must not overlap.
+    /// the upper triangle, sorted with a stored diagonal, of a symmetric one, definite or not; of a
+    /// consistent system of deficient rank one of the solutions is found. x and y must not overlap.
     /// @throws fatal_error  for shapes that do not agree, a matrix that is not such a triangle or not finite.
     void solve(std::span<double> x, std::span<const double> y);
     void solve(matrix_view<double> x, matrix_view<const double> y);
@@ -130,6 +130,13 @@ class crs_matrix final : public gen_sparse {
         requires(std::same_as<Index, std::int32_t>);
     void solveldlt(matrix_view<double> x, matrix_view<const double> y) const
         requires(std::same_as<Index, std::int32_t>);
+    /// The same for one vector where it is called again and again: nothing is checked, which is for
+    /// `isldltfactor` to do once, and `work` (dim1 doubles) is the only memory. Vectors must not overlap.
+    void solveldlt_s(std::span<double> x, std::span<const double> y, std::span<double> work) const
+        requires(std::same_as<Index, std::int32_t>);
+    /// Whether the arrays have the shape of a factor of `getldlt`. Passes over all rows.
+    [[nodiscard]] bool isldltfactor() const
+        requires(std::same_as<Index, std::int32_t>);
     /// Replace the matrix by its Cholesky factor, its L D L' factors, its incomplete Cholesky factor, or the
     /// part of its inverse on the pattern of the factor. They are computed in the order of the matrix's
     /// permutation or else in that of `getordering`, which becomes the permutation. Factors are upper
@@ -137,7 +144,8 @@ class crs_matrix final : public gen_sparse {
     /// the unit diagonal.
     /// `getldlt` and `getspainv` take semidefinite matrices: an equation whose pivot is at or below 1e-10 of
     /// its diagonal is dropped, and the log tells how many were.
-    /// @throws fatal_error  when the matrix is no sorted upper triangle of finite numbers; naming the equation
+    /// @throws fatal_error  when the matrix is no sorted upper triangle of finite numbers; naming the
+    /// equation
     ///                      of a pivot that is not positive (negative, where some may be dropped).
     void getchol()
         requires(std::same_as<Index, std::int32_t>);

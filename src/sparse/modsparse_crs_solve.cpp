@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cassert>
 #include <string>
 #include <utility>
 
@@ -85,17 +86,17 @@ struct factor_check {
     }
 };
 
-/// The factor has its own order of equations: y goes there and x comes back. `perm` may be empty.
+/// The factor has its own order of equations: y goes there, to z, and x comes back. `perm` may be empty, and
+/// then z is not used.
 void solve_in_order(std::span<const std::int32_t> perm, std::span<double> x, std::span<const double> y,
-                    const auto& solve) {
+                    std::span<double> z, const auto& solve) {
     if (perm.empty()) {
         std::ranges::copy(y, x.begin());
         solve(x);
         return;
     }
-    std::vector<double> z(y.size());
     for (std::size_t k = 0; k < z.size(); ++k) z[k] = y[perm[k] - 1];
-    solve(std::span<double>(z));
+    solve(z);
     for (std::size_t k = 0; k < z.size(); ++k) x[perm[k] - 1] = z[k];
 }
 
@@ -110,7 +111,8 @@ void crs_matrix<Index>::isolve(std::span<double> x, std::span<const double> y) c
     const factor_check check(view());
     if (!issquare() || !lupperstorage_ || !lsorted_ || !check.upper || check.zero)
         fail(" ERROR: isolve needs a sorted upper triangular factor without zeros on its diagonal!");
-    solve_in_order(perm_, x, y, [this](std::span<double> z) { solve_with_upper(view(), z); });
+    std::vector<double> work(perm_.empty() ? 0 : y.size());
+    solve_in_order(perm_, x, y, work, [this](std::span<double> z) { solve_with_upper(view(), z); });
 }
 
 template <std::signed_integral Index>
@@ -129,11 +131,26 @@ void crs_matrix<Index>::solveldlt(matrix_view<double> x, matrix_view<const doubl
              inttochar(x.cols) + " and " + inttochar(y.cols));
     if (x.rows != dim1_ || y.rows != dim1_)
         fail(" ERROR: the sizes of x and y provided to solveldlt are not that of the matrix!");
-    if (!issquare() || !lupperstorage_ || !lsorted_ || !factor_check(view()).upper)
-        fail(" ERROR: solveldlt needs the sorted upper triangular factor of getldlt!");
-    for (std::int64_t j = 0; j < x.cols; ++j)
-        solve_in_order(perm_, x.column(j), y.column(j),
-                       [this](std::span<double> z) { solve_with_unit_upper(view(), z); });
+    if (!isldltfactor()) fail(" ERROR: solveldlt needs the sorted upper triangular factor of getldlt!");
+    std::vector<double> work(static_cast<std::size_t>(dim1_));
+    for (std::int64_t j = 0; j < x.cols; ++j) solveldlt_s(x.column(j), y.column(j), work);
+}
+
+template <std::signed_integral Index>
+bool crs_matrix<Index>::isldltfactor() const
+    requires(std::same_as<Index, std::int32_t>)
+{
+    return issquare() && lupperstorage_ && lsorted_ && factor_check(view()).upper;
+}
+
+template <std::signed_integral Index>
+void crs_matrix<Index>::solveldlt_s(std::span<double> x, std::span<const double> y,
+                                    std::span<double> work) const
+    requires(std::same_as<Index, std::int32_t>)
+{
+    assert(std::ssize(x) == dim1_ && std::ssize(y) == dim1_ && std::ssize(work) >= dim1_);
+    solve_in_order(perm_, x, y, work.first(y.size()),
+                   [this](std::span<double> z) { solve_with_unit_upper(view(), z); });
 }
 
 // ---- factorisations in place -----------------------------------------------------------------------------
@@ -224,6 +241,9 @@ template void crs_matrix<std::int64_t>::solve(matrix_view<double>, matrix_view<c
 template void crs_matrix<std::int32_t>::isolve(std::span<double>, std::span<const double>) const;
 template void crs_matrix<std::int32_t>::solveldlt(std::span<double>, std::span<const double>) const;
 template void crs_matrix<std::int32_t>::solveldlt(matrix_view<double>, matrix_view<const double>) const;
+template void crs_matrix<std::int32_t>::solveldlt_s(std::span<double>, std::span<const double>,
+                                                    std::span<double>) const;
+template bool crs_matrix<std::int32_t>::isldltfactor() const;
 template std::vector<std::int32_t> crs_matrix<std::int32_t>::getordering() const;
 template void crs_matrix<std::int32_t>::getchol();
 template void crs_matrix<std::int32_t>::getldlt();

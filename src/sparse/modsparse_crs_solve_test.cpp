@@ -403,6 +403,10 @@ TEST(Solveldlt, GivesOneSolutionOfAConsistentSystemOfDeficientRank) {
     std::vector<double> x(3);
 
     factor.solveldlt(x, std::vector{20.0, 14.0, 6.0});
+    ASSERT_TRUE(factor.isldltfactor());
+    std::vector<double> again(3, -1.0), work(3);
+    factor.solveldlt_s(again, std::vector{20.0, 14.0, 6.0}, work);
+    EXPECT_EQ(again, x);
 
     EXPECT_NEAR(x[0] + x[1], 7.0, 1e-12);
     EXPECT_NEAR(x[1] - x[2], 4.0, 1e-12);
