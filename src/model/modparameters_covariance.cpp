@@ -98,6 +98,10 @@ void invert_with_log(matrix<double>& g, std::int32_t e, logger& log) {
     ginv1_real8(g.view(), tolerance, rank);
     own.message("After inversion :");
     print_matrix(g, own);
+    if (rank < g.rows())
+        log.warning("The (co)variance matrix for the effect " + inttochar(e) + " of order " +
+                    inttochar(g.rows()) + " has only rank " + inttochar(rank) +
+                    ": its inverse has zeros for the dependent rows");
 }
 
 }  // namespace

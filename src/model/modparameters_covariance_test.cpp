@@ -248,6 +248,9 @@ TEST_F(Invertg, RefusesAMatrixThatIsNotPositiveDefiniteOnlyWhenAsked) {
 
     invertg(param, log_);
     EXPECT_THAT(param.g[1].values(), ElementsAre(0.5, 0, 0, 0));
+    EXPECT_THAT(log_.text(),
+                HasSubstr("WARN: The (co)variance matrix for the effect 2 of order 2 has only rank "
+                          "1: its inverse has zeros for the dependent rows\n"));
 }
 
 TEST_F(Invertg, StopsWithAMessageWhenItsLogCannotBeWritten) {

@@ -2,6 +2,7 @@
 #include <array>
 #include <cassert>
 #include <charconv>
+#include <cmath>
 #include <cstring>
 
 #include "modfile.hpp"
@@ -70,6 +71,10 @@ class row_target {
                                        " has no equation in the model (trait " + inttochar(t) + ", effect " +
                                        inttochar(e) + ", level " + inttochar(lev) + ", covariable " +
                                        inttochar(k) + ")");
+        if (!std::isfinite(value))
+            fatal(log_,
+                  "Row " + inttochar(nrows_) + " of the file " + file_ + " has a value that is not finite",
+                  "modgeneral", vector_procedure);
         vector_[equation - 1] = value;
     }
     [[nodiscard]] std::int64_t nrows() const { return nrows_; }
@@ -147,10 +152,12 @@ void read_stream_rows(const param_type& param, const std::string& file, row_targ
 }
 
 /// The raw vector. False when the file does not hold exactly the vector.
+/// False also when not all values are finite: a run that starts from such a vector cannot get away from it.
 bool read_raw(std::span<double> vector, const std::string& file) {
     binary_reader input;
     return !input.open(file) && input.size() == static_cast<std::int64_t>(vector.size_bytes()) &&
-           input.read_values(vector);
+           input.read_values(vector) &&
+           std::ranges::all_of(vector, [](double v) { return std::isfinite(v); });
 }
 
 /// False, with the warning, when the file does not exist.

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "modgeneral.hpp"
 #include "modgeneral_test_model.hpp"
@@ -19,6 +20,7 @@ using ::testing::AllOf;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::StartsWith;
 
@@ -222,11 +224,29 @@ TEST(InitvectorfromfileReal8, WarnsOfADamagedRawVectorAndGivesZeros) {
                                       HasSubstr("WARN: The vector will be set to 0\n"),
                                       Not(HasSubstr("Vector initiated"))));
     }
+    for (const double odd :
+         {std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::infinity()}) {
+        captured_log log;
+        write_raw_stream(std::vector<double>{1.0, odd, 3.0}, file, log);
+        EXPECT_THAT(initiated(model.param, file, log), Each(0.0));
+        EXPECT_THAT(log.text(), HasSubstr("WARN: Issue while reading binary file: " + file + "\n"));
+    }
     std::filesystem::remove(file);
     std::filesystem::create_directory(file);
     captured_log log;
     EXPECT_THAT(initiated(model.param, file, log), Each(0.0));
     EXPECT_THAT(log.text(), HasSubstr("WARN: Issue while reading binary file: " + file + "\n"));
+}
+
+TEST(InitvectorfromfileReal8, RefusesRowsWithAValueThatIsNotFinite) {
+    const small_model model(1, {{.nlevel = 3}});
+    captured_log log;
+
+    for (const char* value : {"NaN", "-Infinity"})
+        EXPECT_THAT(fatal_text([&] {
+                        from_text(model.param, "1 1 1 0 2.0\n1 1 2 0 " + std::string(value) + "\n", log);
+                    }),
+                    MatchesRegex("Row 2 of the file .* has a value that is not finite"));
 }
 
 TEST(InitvectorfromfileReal8, SaysWhichFileCannotBeRead) {

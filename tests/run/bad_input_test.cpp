@@ -258,6 +258,9 @@ const odd_input odd_inputs[] = {
     {"LevelsWrittenAsReals", data("1.0 1.9 10.5\n2d0 3 9\n")},
     {"NoLevelOfAnEffect", data("0 -5 10.5\n")},
     {"MissingResidualClass", residual("")},
+    {"RecordsWithoutTraits", data("1 1 -9\n2 3 9\n1 2 8\n")},
+    {"NoRecordsOfAnEffect", data("1 0 10.5\n2 0 9\n")},
+    {"SingularCovariance", covariance("0\n")},
     {"NoRandomEffect", par("EFFECT_ID TYPE_RANDOM N_CORRELATED_EFFECTS DIM_G\n2 1 0 1\ng.txt\n", "")},
 };
 

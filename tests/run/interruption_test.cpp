@@ -219,6 +219,38 @@ TEST(Interruption, ADamagedFileOfTemporarySolutionsStartsAtZeroWithAWarning) {
     EXPECT_EQ(lines(run.read("solutions.dat")), neq);
 }
 
+TEST(Interruption, AStartFileOfAnotherModelIsNotUsed) {
+    const temporary_directory run;
+    write_model(run, "!restart\n");
+    run.write("ca491pcn.bin", std::string(8 * (neq + 1), '\0'));
+
+    const auto raw = run_program(run.path(), {"model.par"});
+    EXPECT_EQ(raw.status, 0);
+    EXPECT_THAT(unwrapped(raw.out), HasSubstr("Issue while reading binary file: ca491pcn.bin"));
+
+    write_model(run, "!startsol other.dat\n");
+    run.write("other.dat", "1 1 1 0 10.0\n1 2 401 0 0.5\n");
+    const auto text = run_program(run.path(), {"model.par"});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_THAT(unwrapped(text.out), HasSubstr("row 2 of the file other.dat has no equation in the model"));
+}
+
+TEST(Interruption, AFullDiskIsNamedWithTheRightHandSide) {
+    const temporary_directory run;
+    write_model(run, "");
+    run.write("data.txt", "1 1 10.5\n2 3 9.5\n");
+    std::string par = run.read("model.par");
+    run.write("model.par", par.replace(par.find("2 0 400"), 7, "2 0 9000"));
+    // Files of at most 48 KiB: the right-hand side takes 70 KiB, and nothing else as much.
+    const auto result = run_program(
+        run.path(), {"-c", "trap '' XFSZ; ulimit -f 48; exec " ZENDAR_BINARY " model.par"}, "/bin/bash");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(unwrapped(result.out), HasSubstr("rhstmp.stream"));
+    EXPECT_FALSE(run.exists("OK_ZENDAR"));
+    EXPECT_FALSE(run.exists("rhstmp.stream"));
+    EXPECT_FALSE(run.exists("solutions.dat"));
+}
+
 TEST(Interruption, AFullDiskStopsTheRunWithAnError) {
     const temporary_directory run;
     write_model(run, "");
