@@ -38,7 +38,7 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
     const auto one = [&](char letter, int e) {
         return std::string("!structprecond ") + letter + " 1 " + std::to_string(e) + "\n";
     };
-    switch (pick(0, 6)) {
+    switch (pick(0, 7)) {
         case 0:
             break;
         case 1:
@@ -54,6 +54,20 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
             if (is_free(e) && model.effects[e - 1].type_random == 0 && e == 1) choice.options += one('w', e);
             break;
         }
+        case 5:  // blocks over runs of effects with the same number of levels
+            for (int e = 1, last = 1; e <= neffect; e = last + 1) {
+                const auto levels = [&](int k) {
+                    const random_effect& effect = model.effects[k - 1];
+                    return effect.covariable && effect.nnest == 0 ? -1 : effect.nslot_level();
+                };
+                last = group_end(e);
+                if (!is_free(e) || last != e || levels(e) < 0) continue;
+                while (last < neffect && is_free(last + 1) && group_end(last + 1) == last + 1 &&
+                       levels(last + 1) == levels(e))
+                    ++last;
+                choice.options += "!structprecond r " + std::to_string(e) + " " + std::to_string(last) + "\n";
+            }
+            break;
         default: {
             if (!std::ranges::all_of(model.effects, [&](const random_effect& effect) {
                     return is_free(static_cast<int>(&effect - model.effects.data()) + 1);
