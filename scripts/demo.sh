@@ -13,8 +13,8 @@ rm -rf "$run" && mkdir -p "$run"
 cp examples/gryphon_bwt/* "$run"
 program=$PWD/build/demo/bin/zendar
 echo
-echo "Running: zendar model_external.par --ncpus 2   (in $run)"
-(cd "$run" && "$program" model_external.par --ncpus 2)
+echo "Running: zendar model.par --ncpus 2   (in $run)"
+(cd "$run" && "$program" model.par --ncpus 2)
 echo
 echo "The sexes, and the ten animals with the highest breeding values for birth weight,"
 echo "beside the published answers ($run/solutions.dat, expected_solutions.txt):"

@@ -13,6 +13,15 @@ inline constexpr std::int32_t teff_covariable = 1;
 inline constexpr std::int32_t teff_huge = 2;
 inline constexpr std::int32_t teff_huge_iod = 3;
 
+// TYPE_RANDOM of effects with a pedigree
+inline constexpr std::int32_t trandom_ani = 3;              ///< inbreeding
+inline constexpr std::int32_t trandom_ani_upg = 5;          ///< and groups
+inline constexpr std::int32_t trandom_ani_meta = 7;         ///< and metafounders
+inline constexpr std::int32_t trandom_ani_rupg = 9;         ///< and random groups
+inline constexpr std::int32_t trandom_ani_a22i = 103;       ///< the same with a part of A22^-1
+inline constexpr std::int32_t trandom_ani_upg_a22i = 105;
+inline constexpr std::int32_t trandom_ani_rupg_a22i = 109;
+
 /// What a file line of an EFFECT_ID block holds, in the order of the words.
 enum class block_word : std::uint8_t { file1, file2, file3, file4, nupg };
 

@@ -6,6 +6,7 @@
 
 #include "modlogger.hpp"
 #include "modparameters.hpp"
+#include "modpedigree.hpp"
 #include "modsparse_crs.hpp"
 #include "modstructure.hpp"
 
@@ -30,6 +31,11 @@ void readdata_phen_ascii(param_type& param, phenotype_data& data, logger& log);
 /// gets one element per effect, and none when the model has no covariable effect.
 /// @throws fatal_error  for an effect without a file, and as `readcovariable`.
 void readdata_cov_ascii(const param_type& param, std::vector<covariable_type>& cov, logger& log);
+
+/// Reads the pedigree of each effect that has one, and then its inbreeding coefficients or computes them; with
+/// metafounders also their relationships. @returns one element per effect, null for those without.
+/// @throws fatal_error  for a type without pedigree, for a covariable that is not nested, and as the readers.
+[[nodiscard]] pedigree_list readdata_ped_ascii(const param_type& param, std::int32_t inbmethod, logger& log);
 
 /// Reads a symmetric matrix of order n from lines "i j value" in any order: either triangle, or both.
 ///

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "modbasic.hpp"
+#include "modsparse_detail.hpp"
 
 namespace zendar::detail {
 namespace {
@@ -127,28 +128,29 @@ crssparse triplet_rows::to_crs(std::int32_t ncol, bool lupperstorage, logger& lo
         fatal(log, "A matrix of " + inttochar(nel) + " elements is too large", "modparameters_utils",
               "to_crs");
 
-    std::vector<std::int32_t> ia, ja;
-    std::vector<double> a;
-    ia.reserve(static_cast<std::size_t>(nrow_) + 1);
-    ja.reserve(static_cast<std::size_t>(nel));
-    a.reserve(static_cast<std::size_t>(nel));
-    ia.push_back(1);
+    crssparse crs(nrow_, nel, ncol, lupperstorage, &log);
+    const std::span<std::int32_t> ia = crs_arrays::ia(crs), ja = crs_arrays::ja(crs);
+    const std::span<double> a = crs_arrays::a(crs);
+    ia[0] = 1;
+    for (std::int32_t row = 1; row <= nrow_; ++row)
+        ia[row] = static_cast<std::int32_t>(ia[row - 1] + std::ssize(this->row(row)) +
+                                            (lacks_diagonal(row) ? 1 : 0));
+#pragma omp parallel for if (nrow_ > 1024) schedule(static) default(none) shared(ia, ja, a, lacks_diagonal)
     for (std::int32_t row = 1; row <= nrow_; ++row) {
+        std::int32_t at = ia[row - 1] - 1;
         if (lacks_diagonal(row)) {
-            ja.push_back(row);
-            a.push_back(0.0);
+            ja[at] = row;
+            a[at++] = 0.0;
         }
         for (const triplet& element : this->row(row)) {
-            ja.push_back(element.key);
-            a.push_back(element.value);
+            ja[at] = element.key;
+            a[at++] = element.value;
         }
-        ia.push_back(static_cast<std::int32_t>(std::ssize(ja) + 1));
     }
     elements_ = {};
     begin_.assign(begin_.size(), 0);
     end_.assign(end_.size(), 0);
-    crssparse crs(nrow_, nel, ncol, lupperstorage, &log);
-    crs.external(ia, ja, a);
+    crs.setsorted(true);
     if (lupperstorage) crs.setsymmetric();
     return crs;
 }

@@ -138,11 +138,13 @@ void statsphen(param_type& param, matrix_view<const double> phen, std::span<std:
     if (only_missing) report.warning("Some observations have only missing records");
 }
 
-void statsdata(param_type& param, phenotype_data& data, double rmissing, logger& log) {
+void statsdata(param_type& param, phenotype_data& data, double rmissing, logger& log,
+               std::span<const std::unique_ptr<pedigree_type>> ped) {
     logger report;
     open_report(report, log);
     data.combitrait.resize(static_cast<std::size_t>(data.phen.cols()));
     statsphen(param, data.phen.view(), data.combitrait, rmissing, report, log);
+    statsped(param, ped, report, log);
 }
 
 }  // namespace zendar

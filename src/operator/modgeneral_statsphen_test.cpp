@@ -184,7 +184,8 @@ TEST_F(Statsdata, WritesItsOwnFileAndNothingToTheScreen) {
               "Trait  2          1.00        0.00        1.00        1.00          2 100.00\n"
               "Number of trait combinations: 2\n"
               "Combination                1: TT\n"
-              "Combination                2: .T\n");
+              "Combination                2: .T\n"
+              "\nSTATISTICS FOR PEDIGREE (if any)\n\n");
     EXPECT_EQ(screen_.str(), "");
     EXPECT_THAT(data.combitrait, ElementsAre(1, 2));
 }

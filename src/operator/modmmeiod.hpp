@@ -11,6 +11,7 @@
 #include "modlogger.hpp"
 #include "modparameters.hpp"
 #include "modpartarray.hpp"
+#include "modpedigree.hpp"
 #include "modsparse_crs.hpp"
 #include "modstructure.hpp"
 
@@ -70,7 +71,9 @@ struct operator_state {
     std::vector<std::int64_t> nrhscontributions;  ///< [e - 1]
     std::vector<effect_group> groups;             ///< openers of random effects with a covariance block
     std::vector<std::unique_ptr<crssparse>>
-        asparse;  ///< [e - 1]: inverse relationship matrix, upper triangle
+        asparse;                                 ///< [e - 1]: inverse relationship matrix, upper triangle
+    std::vector<const pedigree_type*> pedigree;  ///< [e - 1]: null where there is none
+    double weightupg = 0.0;                      ///< on the diagonal of random groups
     residual_table rinv;
     std::vector<record_term> terms;    ///< one per effect that the record step reads
     std::vector<record_block> blocks;  ///< one per thread
@@ -90,7 +93,9 @@ struct operator_state {
 class mme_iod final : public linear_system {
   public:
     /// All arguments live as long as the operator. `data.phen` may be empty when "phentmp.stream" holds it.
-    mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov, logger& log);
+    /// `ped` has one element per effect, or none when no effect has a pedigree.
+    mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov, logger& log,
+            std::span<const std::unique_ptr<pedigree_type>> ped = {});
     ~mme_iod() override;
 
     /// Reads external matrices, inverts the residual matrices, prepares the random effects and chooses the
@@ -124,6 +129,7 @@ class mme_iod final : public linear_system {
     void assign_computeleastsquare();
     void setleastsquarepart_full();
     void setup_random_effects();
+    void setup_relationships(const effect_group& group);
     void computerhs(std::span<double> b, std::string& text);
     void priormean(std::span<double> b, std::span<double> work, std::string& text);
     void finish_residual(std::span<const double> x, std::span<const double> b, std::span<double> r,
@@ -132,6 +138,7 @@ class mme_iod final : public linear_system {
     param_type& param_;
     const phenotype_data& data_;
     std::span<const covariable_type> cov_;
+    std::span<const std::unique_ptr<pedigree_type>> ped_;
     logger& log_;
     modmmeiod::operator_state state_;
 };

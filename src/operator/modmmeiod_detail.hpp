@@ -99,6 +99,13 @@ void find_bounds(const record_input& in, record_block block, std::int64_t neq,
 /// r += (A^-1 kron G^-1) x or (I kron G^-1) x for one group.
 void computerandompart_eff_dia_timesx(const effect_group& group, std::span<const double> x,
                                       std::span<double> r);
+/// r += (A^-1 kron G^-1) x from the pedigree itself, animal by animal; parents above the animals are groups.
+/// By one thread: two animals write to their common parent.
+void computerandompart_eff_ani_inb_timesx(const effect_group& group, const pedigree_type& ped,
+                                          std::span<const double> x, std::span<double> r);
+/// r += weightupg (I kron G^-1) x for the last `nupg` levels.
+void computerandompart_eff_upg_timesx(const effect_group& group, std::int32_t nupg, double weightupg,
+                                      std::span<const double> x, std::span<double> r);
 void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
                                 std::span<double> gathered, std::span<double> product,
                                 std::span<const double> x, std::span<double> r);

@@ -126,8 +126,29 @@ void add_sparse(const operator_state& state, const effect_group& group, random_w
                                work.product.first(n), x, r);
 }
 
-constexpr std::array<random_product, 2> pedigree_products{{{0, nullptr}, {1, add_diagonal}}};
-constexpr std::array<random_product, 3> sparse_products{{{0, nullptr}, {1, add_diagonal}, {10, add_sparse}}};
+void add_pedigree(const operator_state& state, const effect_group& group, random_work&,
+                  std::span<const double> x, std::span<double> r) {
+    computerandompart_eff_ani_inb_timesx(group, *state.pedigree[group.effect - 1], x, r);
+}
+
+void add_pedigree_and_groups(const operator_state& state, const effect_group& group, random_work& work,
+                             std::span<const double> x, std::span<double> r) {
+    add_pedigree(state, group, work, x, r);
+    computerandompart_eff_upg_timesx(group, state.pedigree[group.effect - 1]->nupg, state.weightupg, x, r);
+}
+
+constexpr std::array<random_product, 5> pedigree_products{{{0, nullptr},
+                                                           {1, add_diagonal},
+                                                           {trandom_ani, add_pedigree},
+                                                           {trandom_ani_upg, add_pedigree},
+                                                           {trandom_ani_rupg, add_pedigree_and_groups}}};
+constexpr std::array<random_product, 7> sparse_products{{{0, nullptr},
+                                                         {1, add_diagonal},
+                                                         {trandom_ani, add_sparse},
+                                                         {trandom_ani_upg, add_sparse},
+                                                         {trandom_ani_meta, add_sparse},
+                                                         {trandom_ani_rupg, add_sparse},
+                                                         {10, add_sparse}}};
 
 }  // namespace
 

@@ -38,8 +38,8 @@ residual_table make_residual_table(const param_type& param) {
 }  // namespace modmmeiod
 
 mme_iod::mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov,
-                 logger& log)
-    : param_(param), data_(data), cov_(cov), log_(log) {}
+                 logger& log, std::span<const std::unique_ptr<pedigree_type>> ped)
+    : param_(param), data_(data), cov_(cov), ped_(ped), log_(log) {}
 
 mme_iod::~mme_iod() = default;
 
@@ -88,6 +88,8 @@ void mme_iod::setup_random_effects() {
     if (param_.nhuge > 0)
         fatal(log_, "Huge effects are not implemented by iteration on data", "modmmeiod", "setup_lhsrhs_iod");
     state_.asparse.resize(static_cast<std::size_t>(param_.neffect));
+    state_.pedigree.assign(static_cast<std::size_t>(param_.neffect), nullptr);
+    state_.weightupg = param_.weightupg;
     std::size_t work = 0;
     for (std::int32_t e = 1; e <= param_.neffect; ++e) {
         const std::int32_t type = param_.type_random[e - 1];
@@ -98,16 +100,43 @@ void mme_iod::setup_random_effects() {
                   param_.useasparse ? "computerandompartsparse_timesx" : "computerandompart_timesx");
         if (product->timesx == nullptr) continue;
         const effect_group& group = state_.groups.emplace_back(make_effect_group(param_, e, log_));
-        if (type != 10) continue;
-        log_.message("Computation of Ainv sparse (if any)");
-        if (param_.type_effect[e - 1] != teff_class && param_.n_level_nested[e - 1] < 1)
-            fatal(log_, "Covariables are not possible with animal effect", "modmmeiod", "setup_lhsrhs_iod");
-        state_.asparse[e - 1] = std::make_unique<crssparse>(
-            readcootoija(param_.file[e][0], narrow<std::int32_t>(group.nlevel), log_));
-        work = std::max(work, static_cast<std::size_t>(group.order() * group.nlevel));
+        if (!is_pedigree_code(type)) continue;
+        setup_relationships(group);
+        if (state_.asparse[e - 1] != nullptr)
+            work = std::max(work, static_cast<std::size_t>(group.order() * group.nlevel));
     }
     state_.tmpvector1.assign(work, 0.0);
     state_.tmpvector2.assign(work, 0.0);
+}
+
+/// What stands between the levels of a group: an external matrix, or a pedigree and, unless the iteration
+/// goes over the pedigree itself, its A-inverse.
+void mme_iod::setup_relationships(const effect_group& group) {
+    const std::int32_t e = group.effect, type = param_.type_random[e - 1];
+    constexpr const char* procedure = "setup_lhsrhs_iod";
+    if (param_.type_effect[e - 1] != teff_class && param_.n_level_nested[e - 1] < 1)
+        fatal(log_, "Covariables are not possible with animal effect", "modmmeiod", procedure);
+    log_.message("Computation of Ainv sparse (if any)");
+    if (type == 10) {
+        state_.asparse[e - 1] = std::make_unique<crssparse>(
+            readcootoija(param_.file[e][0], narrow<std::int32_t>(group.nlevel), log_));
+        return;
+    }
+    const pedigree_type* const ped = e <= std::ssize(ped_) ? ped_[e - 1].get() : nullptr;
+    if (ped == nullptr || ped->f.empty())
+        fatal(log_,
+              "The effect " + inttochar(e) + " needs " +
+                  (ped == nullptr ? "a pedigree" : "inbreeding coefficients") +
+                  ", but the instruction file names no file of them",
+              "modmmeiod", procedure);
+    if (ped->nlength() != group.nlevel)
+        fatal(log_, "The number of animals in param_type and in ped are different!", "modmmeiod", procedure);
+    if (ped->nupg != (param_.nupg.empty() ? 0 : param_.nupg[e - 1]))
+        fatal(log_, "The number of UPGs in param_type and in ped are different!", "modmmeiod", procedure);
+    state_.pedigree[e - 1] = ped;
+    if (param_.useasparse)
+        state_.asparse[e - 1] =
+            std::make_unique<crssparse>(ped->computeasparse_ped(type, param_.weightupg, {}, log_));
 }
 
 void mme_iod::assign_computeleastsquare() {

@@ -97,6 +97,7 @@ struct precond_input {
     const modmmeiod::residual_table& rinv;
     std::span<const effect_group> groups;                 ///< one per random effect with a covariance block
     std::span<const std::unique_ptr<crssparse>> asparse;  ///< [e - 1], of the types that have one
+    std::span<const pedigree_type* const> pedigree = {};  ///< [e - 1], null where there is none
 };
 
 /// The groups' matrices in assembly, [e - 1]; their indices are relative to the group's first equation.

@@ -244,8 +244,9 @@ preconditioner create_mija_lhs(const precond_input& in, logger& log) {
 
 preconditioner create_mija_lhs(const mme_iod& mme, logger& log) {
     const modmmeiod::operator_state& state = mme.state();
-    return create_mija_lhs(
-        precond_input{mme.param(), mme.data(), mme.cov(), state.rinv, state.groups, state.asparse}, log);
+    return create_mija_lhs(precond_input{mme.param(), mme.data(), mme.cov(), state.rinv, state.groups,
+                                         state.asparse, state.pedigree},
+                           log);
 }
 
 }  // namespace zendar::modpreconditioneriod

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -165,6 +166,16 @@ struct random_context {
 
 void addrandompart_eff_dia_to_preconditioner(const random_context& context, const effect_group& group);
 void addrandompart_externalmat_to_preconditioner(const random_context& context, const effect_group& group);
+void addrandompart_eff_ani_inb_to_preconditioner(const random_context& context, const effect_group& group);
+void addrandompart_eff_ani_upg_inb_to_preconditioner(const random_context& context,
+                                                     const effect_group& group);
+void addrandompart_eff_ani_rupg_inb_to_preconditioner(const random_context& context,
+                                                      const effect_group& group);
+void addrandompart_eff_ani_inb_meta_to_preconditioner(const random_context& context,
+                                                      const effect_group& group);
+/// A matrix between the levels of a group, given by its upper triangle.
+void add_relationship_matrix(const random_context& context, const effect_group& group,
+                             const crssparse& matrix, std::string_view procedure);
 
 /// One row per random type that is implemented.
 struct random_addition {

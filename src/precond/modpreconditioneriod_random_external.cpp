@@ -38,14 +38,19 @@ void addrandompart_externalmat_to_preconditioner(const random_context& context, 
     if (matrix == nullptr)
         fatal(context.log, "asparsesub is not allocated for effect " + inttochar(group.effect), module_tag,
               procedure);
-    if (matrix->getdim(1) != group.nlevel || matrix->getdim(2) != group.nlevel)
+    add_relationship_matrix(context, group, *matrix, procedure);
+}
+
+void add_relationship_matrix(const random_context& context, const effect_group& group,
+                             const crssparse& matrix, std::string_view procedure) {
+    if (matrix.getdim(1) != group.nlevel || matrix.getdim(2) != group.nlevel)
         fatal(context.log,
               "Internal error: the matrix of effect " + inttochar(group.effect) + " has " +
-                  inttochar(matrix->getdim(1)) + " rows, but the effect " + inttochar(group.nlevel) +
+                  inttochar(matrix.getdim(1)) + " rows, but the effect " + inttochar(group.nlevel) +
                   " levels",
               module_tag, procedure);
     add_to_preconditioner(context.in, group, context.mija_global, context.cootmp, procedure, context.log,
-                          [matrix](const auto& sink) { add_relationship(sink, *matrix); });
+                          [&matrix](const auto& sink) { add_relationship(sink, matrix); });
 }
 
 }  // namespace zendar::modpreconditioneriod

@@ -24,6 +24,7 @@ struct run_state {
     run_options options;
     phenotype_data data;
     std::vector<covariable_type> cov;  ///< one per effect, empty without covariables
+    pedigree_list ped;                 ///< one per effect, null without pedigree
     std::vector<double> rhs;
     std::vector<double> solutions;
     std::vector<double> aggregatesolutions;

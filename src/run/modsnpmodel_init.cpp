@@ -57,7 +57,7 @@ void initparfile(run_state& run, const std::string& parfile, const run_mode& mod
     clock.end("END: reading parameter file");
 
     readdata_ascii(run);
-    statsdata(param, run.data, run.options.rmissing, log);
+    statsdata(param, run.data, run.options.rmissing, log, run.ped);
     report_combined_effects(param, log);
 }
 
@@ -65,6 +65,7 @@ void readdata_ascii(run_state& run) {
     cputime clock(run.log, "START: reading data");
     readdata_phen_ascii(run.param, run.data, run.log);
     readdata_cov_ascii(run.param, run.cov, run.log);
+    run.ped = readdata_ped_ascii(run.param, run.options.inbmethod, run.log);
     check_levels(run.param, run.data.effect.view(), run.log);
     clock.end("END: reading data");
 }

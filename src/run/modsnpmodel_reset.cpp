@@ -29,6 +29,7 @@ void resetmemory(run_state& run) {
     reset_solver(run.param.solver);
     run.options = {};
     run.lhs_iod.reset();
+    run.ped.clear();
     run.mija_global.reset();
     destroy_solver_iod(run.solver_iod);
     run.finite = true;

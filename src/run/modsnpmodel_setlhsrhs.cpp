@@ -20,7 +20,7 @@ void phenotypes_to_stream(run_state& run) {
 /// What the solvers on data iterate with.
 void setup_iod(run_state& run) {
     phenotypes_to_stream(run);
-    run.lhs_iod = std::make_unique<mme_iod>(run.param, run.data, run.cov, run.log);
+    run.lhs_iod = std::make_unique<mme_iod>(run.param, run.data, run.cov, run.log, run.ped);
     run.lhs_iod->setup_lhsrhs_iod(run.options.loptimem);
     init_solver_pcg_iod(run.param, run.solver_iod, run.log);
     if (run.mija_global != nullptr) {

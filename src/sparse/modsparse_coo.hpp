@@ -88,7 +88,6 @@ class coosparse final : public gen_sparse {
     [[nodiscard]] std::span<const coo_slot> slots() const noexcept { return slots_.span(); }
 
   private:
-    struct batch;
     class conveyor;
 
     coosparse(const coosparse& other);

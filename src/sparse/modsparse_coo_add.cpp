@@ -73,119 +73,146 @@ double& coosparse::place(std::int32_t row, std::int32_t col) {
 
 // ---- many elements ---------------------------------------------------------------------------------------
 
-/// Elements on their way into the table, which go from round to round: each round looks at a slot whose
-/// memory was asked for a round ago, and asks for the next one of those elements whose slot is taken by
-/// another pair. Slots are never emptied, so that such a slot stays passed over; a free slot may have been
-/// taken by an earlier element when its turn comes.
-struct coosparse::batch {
-    static constexpr std::int32_t capacity = 16;
-
-    std::int32_t size = 0, nopen = 0;
-    std::array<std::int32_t, capacity> row, col;
-    std::array<double, capacity> value;
-    std::array<std::uint64_t, capacity> a, b, c;
-    std::array<std::int64_t, capacity> slot;
-    std::array<std::int32_t, capacity> probes;
-    std::array<std::int32_t, capacity> open;  // those that may have to go on
-
-    void start(std::int32_t from, std::int64_t nel, const coo_slot* slots) {
-        for (std::int32_t i = from; i < size; ++i) {
-            a[i] = static_cast<std::uint64_t>(row[i]);
-            b[i] = static_cast<std::uint64_t>(col[i]);
-            c[i] = hash_seed;
-            mix(a[i], b[i], c[i]);
-            slot[i] = static_cast<std::int64_t>(c[i] & static_cast<std::uint64_t>(nel - 1));
-        }
-        nopen = 0;
-        for (std::int32_t i = from; i < size; ++i) {
-            __builtin_prefetch(slots + slot[i], 1);
-            probes[i] = 1;
-            open[nopen++] = i;
-        }
-    }
-    void next(std::int32_t i, std::int64_t nel) {
-        mix(a[i], b[i], c[i]);
-        slot[i] = static_cast<std::int64_t>(c[i] & static_cast<std::uint64_t>(nel - 1));
-        ++probes[i];
-    }
-    [[nodiscard]] bool passes(std::int32_t i, const coo_slot* slots) const {
-        return is_other(slots[slot[i]], row[i], col[i]);
-    }
-    void look_ahead(std::int64_t nel, const coo_slot* slots) {
-        std::int32_t kept = 0;
-        for (std::int32_t k = 0; k < nopen; ++k) {
-            const std::int32_t i = open[k];
-            open[kept] = i;
-            const int goes_on = int{passes(i, slots)} & int{probes[i] < maximum_probes};
-            kept += goes_on;
-        }
-        nopen = kept;
-        for (std::int32_t k = 0; k < nopen; ++k) {
-            next(open[k], nel);
-            __builtin_prefetch(slots + slot[open[k]], 1);
-        }
-    }
-};
-
-/// The batches under way, each a round behind the one after it. Elements are entered in the order of `push`.
+/// Elements on their way into the table, entered in the order of `push`.
+///
+/// Each lane follows one element from probe to probe and asks for the memory of the next slot; it comes back
+/// to it when all others had their turn. Slots are never emptied, so that one taken by another pair stays
+/// passed over. A lane that meets the pair or a free slot takes the next waiting element, which is decided
+/// without branches: they would be mispredicted at nearly every element. A free slot may have been taken by
+/// an earlier element when the turn to be entered comes; such an element starts again.
 class coosparse::conveyor {
   public:
+    /// About as many answers as a core awaits of its memory at a time.
+    static constexpr std::size_t lanes = 24;
+
     explicit conveyor(coosparse& store) : store_(store) {}
 
     /// An element that `accept` is false for leaves no trace.
     void push(std::int32_t row, std::int32_t col, double value, bool accept) {
-        batch& b = batches_[newest_];
-        b.row[b.size] = row;
-        b.col[b.size] = col;
-        b.value[b.size] = value;
-        b.size += accept ? 1 : 0;
-        if (b.size == batch::capacity) step();
+        const std::size_t k = tail_ % capacity;
+        row_[k] = row;
+        col_[k] = col;
+        value_[k] = value;
+        slot_[k] = not_found;
+        tail_ += accept ? 1 : 0;
+        if (tail_ - started_ >= lanes) step();
     }
+    /// Elements that are never entered keep the lanes going.
     void finish() {
-        for (std::size_t k = 0; k < rounds; ++k) step();
+        last_ = tail_;
+        while (entered_ < last_) push(1, 1, 0.0, true);
     }
 
   private:
-    static constexpr std::size_t rounds = 8;
+    /// Elements between push and entry, a power of 2. It bounds how long the others wait for one that takes
+    /// many probes.
+    static constexpr std::size_t capacity = 512;
+    static constexpr std::int64_t not_found = -1;
+    /// Of a push: all lanes may be with elements that find no slot.
+    static constexpr std::int32_t most_rounds = 16;
 
     void step() {
-        batches_[newest_].start(0, store_.nel(), store_.slots_.data());
-        for (std::size_t k = 1; k + 1 < rounds; ++k)
-            batches_[(newest_ + rounds - k) % rounds].look_ahead(store_.nel(), store_.slots_.data());
-        newest_ = (newest_ + 1) % rounds;
-        enter(batches_[newest_]);
-    }
-    void enter(batch& b) {
-        std::int64_t nel = store_.nel();
-        coo_slot* slots = store_.slots_.data();
-        for (std::int32_t i = 0; i < b.size; ++i) {
-            while (b.passes(i, slots) && b.probes[i] < maximum_probes) b.next(i, nel);
-            coo_slot& slot = slots[b.slot[i]];
-            const bool insert = is_free(slot);
-            if (b.passes(i, slots) || store_.filled_ + (insert ? 1 : 0) > store_.most_filled_) {
-                // The table grows here, and whatever was found in the old one is void.
-                store_.place(b.row[i], b.col[i]) += b.value[i];
-                nel = store_.nel();
-                slots = store_.slots_.data();
-                b.start(i + 1, nel, slots);
-                for (batch& other : batches_)
-                    if (&other != &b) other.start(0, nel, slots);
-                continue;
+        for (std::int32_t round = 0; round < most_rounds && tail_ - started_ >= lanes; ++round) {
+            if (under_way_)
+                advance();
+            else
+                start();
+            prefetch();
+            enter();
+            while (tail_ - entered_ > capacity - lanes && entered_ < last_) {
+                enter_on_its_own();
+                enter();
             }
-            store_.take(slot, b.row[i], b.col[i]);
-            slot.value += b.value[i];
         }
-        b.size = b.nopen = 0;
+    }
+    void start() {
+        for (std::size_t j = 0; j < lanes; ++j) take_next(j, ~std::uint64_t{0});
+        under_way_ = true;
+    }
+    /// Each lane looks at the slot that it has asked for.
+    void advance() {
+        const coo_slot* const slots = store_.slots_.data();
+        for (std::size_t j = 0; j < lanes; ++j) {
+            const bool goes_on = is_other(slots[lane_slot_[j]], lane_row_[j], lane_col_[j]);
+            const std::uint64_t mask = std::uint64_t{goes_on} - 1;
+            slot_[lane_element_[j]] = lane_slot_[j] | static_cast<std::int64_t>(~mask);
+            take_next(j, mask);
+        }
+    }
+    /// All bits of the mask: the lane takes the next element. None: it stays with its own.
+    void take_next(std::size_t j, std::uint64_t mask) {
+        const auto select = [mask]<class T>(T& mine, T next) {
+            mine = static_cast<T>(mine ^ ((mine ^ next) & static_cast<T>(mask)));
+        };
+        const std::size_t k = started_ % capacity;
+        started_ += mask & 1;
+        select(lane_element_[j], static_cast<std::uint32_t>(k));
+        select(lane_row_[j], row_[k]);
+        select(lane_col_[j], col_[k]);
+        select(a_[j], static_cast<std::uint64_t>(row_[k]));
+        select(b_[j], static_cast<std::uint64_t>(col_[k]));
+        select(c_[j], hash_seed);
+    }
+    void prefetch() {
+        const coo_slot* const slots = store_.slots_.data();
+        const auto mask = static_cast<std::uint64_t>(store_.nel() - 1);
+        for (std::size_t j = 0; j < lanes; ++j) {
+            mix(a_[j], b_[j], c_[j]);
+            lane_slot_[j] = static_cast<std::int64_t>(c_[j] & mask);
+        }
+        for (std::size_t j = 0; j < lanes; ++j) __builtin_prefetch(slots + lane_slot_[j], 1);
+    }
+    /// Those at the front whose slots are known.
+    void enter() {
+        coo_slot* const slots = store_.slots_.data();
+        const std::uint64_t end = std::min(started_, last_);
+        while (entered_ < end) {
+            const std::size_t k = entered_ % capacity;
+            if (slot_[k] == not_found) return;
+            coo_slot& slot = slots[slot_[k]];
+            const int full = int{is_free(slot)} & int{store_.filled_ >= store_.most_filled_};
+            if ((int{is_other(slot, row_[k], col_[k])} | full) != 0) [[unlikely]] {
+                enter_on_its_own();
+                return;
+            }
+            store_.take(slot, row_[k], col_[k]);
+            slot.value += value_[k];
+            ++entered_;
+        }
+    }
+    /// The table may grow here, and whatever was found in the old one is void.
+    void enter_on_its_own() {
+        const std::size_t k = entered_ % capacity;
+        const std::int64_t nel = store_.nel();
+        store_.place(row_[k], col_[k]) += value_[k];
+        ++entered_;
+        // A lane may still be with the element.
+        if (slot_[k] != not_found && store_.nel() == nel) return;
+        for (std::uint64_t i = entered_; i < started_; ++i) slot_[i % capacity] = not_found;
+        started_ = entered_;
+        under_way_ = false;
     }
 
     coosparse& store_;
-    std::array<batch, rounds> batches_;
-    std::size_t newest_ = 0;
+    // The numbers of the elements: pushed, under way, entered, to be entered at all.
+    std::uint64_t tail_ = 0, started_ = 0, entered_ = 0, last_ = ~std::uint64_t{0};
+    bool under_way_ = false;
+    std::array<std::int32_t, capacity> row_, col_;
+    std::array<double, capacity> value_;
+    std::array<std::int64_t, capacity> slot_;  // as far as found
+    std::array<std::uint64_t, lanes> a_{}, b_{}, c_{};
+    std::array<std::int64_t, lanes> lane_slot_;
+    std::array<std::uint32_t, lanes> lane_element_{};
+    std::array<std::int32_t, lanes> lane_row_{}, lane_col_{};
 };
 
 void coosparse::add(std::span<const std::int32_t> rows, std::span<const std::int32_t> cols,
                     std::span<const double> values) {
     assert(rows.size() == cols.size() && rows.size() == values.size());
+    if (rows.size() < conveyor::lanes) {
+        for (std::size_t k = 0; k < rows.size(); ++k) add(rows[k], cols[k], values[k]);
+        return;
+    }
     conveyor line(*this);
     for (std::size_t k = 0; k < rows.size(); ++k)
         line.push(rows[k], cols[k], values[k], accepts(rows[k], cols[k]) && !(std::abs(values[k]) < epsilon));

@@ -196,6 +196,73 @@ TEST(AddMany, GivesTheSlotsOfSingleAdditions) {
     }
 }
 
+/// As `GivesTheSlotsOfSingleAdditions`, for lists that are made to be entered in another order.
+void expect_same_slots(std::int64_t nel, const std::vector<std::int32_t>& rows,
+                       const std::vector<std::int32_t>& cols) {
+    std::vector<double> values;
+    for (std::size_t k = 0; k < rows.size(); ++k) values.push_back(1.0 / static_cast<double>(k + 1));
+    coosparse one(100000, 100000, nel), many(100000, 100000, nel);
+    for (std::size_t k = 0; k < rows.size(); ++k) one.add(rows[k], cols[k], values[k]);
+
+    many.add(rows, cols, values);
+
+    EXPECT_TRUE(same_slots(one, many));
+}
+
+std::int32_t probes_until_free(const coosparse& coo, std::int32_t row, std::int32_t col) {
+    hash_words h = hash_start(row, col);
+    std::int32_t probes = 1;
+    while (coo.slots()[next_probe(h, coo.nel())].row != 0) ++probes;
+    return probes;
+}
+
+TEST(AddMany, KeepsTheOrderWhenAnElementTakesManyProbes) {
+    // Almost full; the elements with the longest ways lead, and whole rows of elements with short ways follow
+    // them: repeated ones, and new ones that are after the same slots.
+    std::vector<std::int32_t> rows, cols;
+    coosparse full(100000, 100000, 1024);
+    for (std::int32_t i = 1; i <= 780; ++i) {
+        rows.push_back(i);
+        cols.push_back(i);
+        full.add(i, i, 1.0);
+    }
+    ASSERT_EQ(full.nel(), 1024);
+    std::vector<std::int32_t> slow;
+    for (std::int32_t i = 1001; i <= 100000; ++i)
+        if (probes_until_free(full, i, 7) > 35) slow.push_back(i);
+    ASSERT_GE(std::ssize(slow), 5);
+    slow.resize(5);
+    for (const std::int32_t i : slow) {
+        rows.push_back(i);
+        cols.push_back(7);
+        for (std::int32_t k = 0; k < 3000; ++k) {
+            rows.push_back(k % 5 == 0 ? i : 1 + k % 700);
+            cols.push_back(k % 5 == 0 ? 7 : 1 + k % 700);
+        }
+    }
+    expect_same_slots(1024, rows, cols);
+    // With more and more new elements before them, until the table grows on the way.
+    for (std::int32_t i = 1; i <= 60; ++i) {
+        rows.insert(rows.begin() + 785, 2000 + i);
+        cols.insert(cols.begin() + 785, 3);
+        expect_same_slots(1024, rows, cols);
+    }
+}
+
+TEST(AddMany, SumsRepeatsInTheirOrder) {
+    for (const std::size_t length : {1, 23, 24, 25, 47, 48, 49, 511, 512, 513, 1025}) {
+        for (const std::int32_t distinct : {1, 2, 30}) {
+            std::vector<std::int32_t> rows, cols;
+            for (std::size_t k = 0; k < length; ++k) {
+                rows.push_back(static_cast<std::int32_t>(k) % distinct + 1);
+                cols.push_back(static_cast<std::int32_t>(k) % 2 + 1);
+            }
+            expect_same_slots(1, rows, cols);
+            expect_same_slots(4096, rows, cols);
+        }
+    }
+}
+
 TEST(AddMany, TakesNoElementsAndFewElements) {
     coosparse coo(9);
     coo.add(std::span<const std::int32_t>(), {}, {});

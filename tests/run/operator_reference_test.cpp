@@ -35,7 +35,7 @@ TEST(OperatorReference, ProductAndRightHandSideOfRandomModelsWithEveryKernelAndN
         const std::vector<double> cx = dense_product(model.c, x), xrxx = dense_product(model.xrx, x);
         for (const std::int32_t kernel : {1, 2, 5}) {
             const threads scope(static_cast<int>(1 + (seed + static_cast<std::uint64_t>(kernel)) % 8));
-            mme_iod op(read.run.param, read.run.data, read.run.cov, read.run.log);
+            mme_iod op(read.run.param, read.run.data, read.run.cov, read.run.log, read.run.ped);
             op.setup_lhsrhs_iod(kernel + (read.run.param.lcombieff ? 10 : 0));
             std::vector<double> r(model.neq, 99.0), b(model.neq, 99.0), zero(model.neq, 0.0);
             op.computeleastsquarepart(x, r);
@@ -56,6 +56,37 @@ TEST(OperatorReference, ProductAndRightHandSideOfRandomModelsWithEveryKernelAndN
     EXPECT_EQ(nproduct, 900);
 }
 
+bool has_type(const random_model& model, std::int32_t type) {
+    return std::ranges::count(model.effects, type, &random_effect::type_random) > 0;
+}
+
+TEST(OperatorReference, PedigreesOfEveryKindBySparseMatricesAndByThePedigreesThemselves) {
+    int nsparse = 0, nped = 0;
+    for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+        model_choice choice = choice_of(seed + 1000);
+        choice.neffect = std::max(choice.neffect, 2);
+        choice.pedigrees = true;
+        const random_model model(choice, seed);
+        SCOPED_TRACE("seed " + std::to_string(seed) + ": " + model.describe());
+        const std::vector<double> x = random_vector(model.neq, seed), cx = dense_product(model.c, x);
+        for (const bool sparse : {true, false}) {
+            // Without A-inverse there are no metafounders and external matrices.
+            if (!sparse && (has_type(model, 7) || has_type(model, 10))) continue;
+            read_model read(model, sparse ? "" : "!notuseasparse\n");
+            const threads scope(static_cast<int>(1 + seed % 8));
+            mme_iod op(read.run.param, read.run.data, read.run.cov, read.run.log, read.run.ped);
+            op.setup_lhsrhs_iod(read.run.param.lcombieff ? 12 : 2);
+            std::vector<double> r(model.neq);
+            op.atimesx(x, r);
+            EXPECT_LT(difference(r, cx), 1e-11) << (sparse ? "sparse" : "pedigree");
+            ++(sparse ? nsparse : nped);
+        }
+        if (HasFailure()) break;
+    }
+    EXPECT_EQ(nsparse, 200);
+    EXPECT_GT(nped, 60);
+}
+
 TEST(OperatorReference, TheSameForEveryNumberOfThreads) {
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {
         const random_model model(choice_of(seed), seed);
@@ -65,7 +96,7 @@ TEST(OperatorReference, TheSameForEveryNumberOfThreads) {
         for (const std::int32_t kernel : {1, 2, 5})
             for (int n = 1; n <= 8; ++n) {
                 const threads scope(n);
-                mme_iod op(read.run.param, read.run.data, read.run.cov, read.run.log);
+                mme_iod op(read.run.param, read.run.data, read.run.cov, read.run.log, read.run.ped);
                 op.setup_lhsrhs_iod(kernel + (read.run.param.lcombieff ? 10 : 0));
                 std::vector<double> r(model.neq);
                 op.atimesx(x, r);

@@ -1,6 +1,7 @@
 #include "random_model.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <numeric>
@@ -54,8 +55,11 @@ void random_model::make_effects(const model_choice& choice) {
     for (std::int32_t e = 1; e <= choice.neffect;) {
         const bool opener = e > 1 && (choice.always_random || chance(0.6));
         const std::int32_t nmember = opener && choice.correlated && e < choice.neffect && chance(0.4) ? 2 : 1;
-        const bool external = opener && choice.external && chance(0.4);
-        const std::int32_t nlevel = pick(1, 9);
+        const bool animal = opener && choice.pedigrees && chance(0.8);
+        const bool external = !animal && opener && choice.external && chance(0.4);
+        const std::int32_t type_animal = animal ? std::array{3, 5, 7, 9}[pick(0, 3)] : 0;
+        const std::int32_t nupg = type_animal > 3 ? pick(1, 3) : 0;
+        const std::int32_t nlevel = animal ? pick(1, 20) + nupg : pick(1, 9);
         std::int32_t order = 0;
         std::vector<bool> in_block;
         for (std::int32_t k = 0; k < nmember; ++k) {
@@ -66,7 +70,7 @@ void random_model::make_effects(const model_choice& choice) {
                 effect.ncov = pick(1, 3);
                 effect.nlevel = pick(2, 12);
                 // A group repeats its block at the same levels; a lone covariable need not be nested.
-                const bool nested = nmember > 1 || external || chance(0.6);
+                const bool nested = nmember > 1 || external || animal || chance(0.6);
                 effect.nnest = nested ? nlevel : 0;
                 effect.coefficients.resize(effect.nlevel);
                 for (auto& line : effect.coefficients)
@@ -95,6 +99,7 @@ void random_model::make_effects(const model_choice& choice) {
                 for (std::int32_t j = 0; j < order; ++j)
                     if (!in_block[i] || !in_block[j]) first.g(i, j) = 0.0;
             if (external) first.ainv = random_covariance(first.nslot_level());
+            if (animal) make_pedigree(first, type_animal, nupg);
         }
         e += nmember;
     }
@@ -118,6 +123,24 @@ void random_model::make_effects(const model_choice& choice) {
                 break;
             }
     }
+}
+
+void random_model::make_pedigree(random_effect& effect, std::int32_t type, std::int32_t nupg) {
+    pedigree_choice choice;
+    choice.nupg = effect.nupg = nupg;
+    choice.nanimal = effect.nslot_level() - nupg;
+    choice.complete = type == 7 || chance(0.5);
+    choice.selfing = chance(0.3);
+    effect.type_random = type;
+    effect.parents = random_pedigree(choice, random_());
+    if (type == 3) effect.ainv = dense_inverse(tabular_relationship(effect.parents, 0));
+    if (type == 7) {
+        effect.gamma = random_metarel(nupg, random_());
+        effect.ainv = dense_inverse(tabular_relationship(effect.parents, nupg, effect.gamma));
+    }
+    if (type == 5 || type == 9) effect.ainv = dense_inverse_with_groups(effect.parents, nupg);
+    if (type == 9)
+        for (std::int32_t g = choice.nanimal; g < effect.nslot_level(); ++g) effect.ainv(g, g) += weightupg;
 }
 
 void random_model::make_records(const model_choice& choice) {
@@ -192,8 +215,16 @@ std::vector<double> random_model::estimable(std::span<const double> x) const {
             for (const auto& [eq, coefficient] : row_of(t, rec)) fitted += coefficient * x[eq];
             values.push_back(fitted);
         }
+    // With fixed groups the animals are estimable up to a constant only.
+    std::vector<bool> with_groups(static_cast<std::size_t>(neq), false);
+    for (const auto& [key, equation] : equations_) {
+        std::int32_t opener = std::get<0>(key);
+        while (effects[opener - 1].nmember == 0 && opener > 1) --opener;
+        with_groups[equation - 1] =
+            effects[opener - 1].type_random == 5 && std::get<0>(key) < opener + effects[opener - 1].nmember;
+    }
     for (std::int64_t i = 0; i < neq; ++i)
-        if (c(i, i) > xrx(i, i)) values.push_back(x[i]);
+        if (c(i, i) > xrx(i, i) && !with_groups[i]) values.push_back(x[i]);
     return values;
 }
 
@@ -314,6 +345,21 @@ void random_model::write(const temporary_directory& directory, const std::string
                             number(effect.ainv(i, j)) + "\n";
             directory.write("ainv_" + id + ".txt", text);
         }
+        if (!effect.parents.empty()) {
+            par += "ped_" + id + ".txt" + (effect.nupg > 0 ? " " + std::to_string(effect.nupg) : "") +
+                   " compute" + (effect.gamma.empty() ? "" : " gamma_" + id + ".txt") + "\n";
+            text.clear();
+            for (std::int64_t i = 0; i < effect.parents.cols() - effect.nupg; ++i)
+                text += std::to_string(i + 1) + " " + std::to_string(effect.parents(0, i)) + " " +
+                        std::to_string(effect.parents(1, i)) + "\n";
+            directory.write("ped_" + id + ".txt", text);
+            text.clear();
+            for (std::int64_t i = 0; i < effect.gamma.rows(); ++i)
+                for (std::int64_t j = 0; j <= i; ++j)
+                    text += std::to_string(i + 1) + " " + std::to_string(j + 1) + " " +
+                            number(effect.gamma(i, j)) + "\n";
+            if (!effect.gamma.empty()) directory.write("gamma_" + id + ".txt", text);
+        }
         par += "g_" + id + ".txt\n";
         text.clear();
         for (std::int64_t i = 0; i < effect.g.rows(); ++i) {
@@ -356,36 +402,6 @@ std::string random_model::describe() const {
                 std::to_string(effect.nnest) + " random " + std::to_string(effect.type_random) + " members " +
                 std::to_string(effect.nmember) + " owner " + std::to_string(effect.owner);
     return text;
-}
-
-matrix<double> dense_inverse(matrix<double> a) {
-    const std::int64_t n = a.rows();
-    matrix<double> inverse(n, n);
-    for (std::int64_t i = 0; i < n; ++i) inverse(i, i) = 1.0;
-    for (std::int64_t k = 0; k < n; ++k) {
-        std::int64_t p = k;
-        for (std::int64_t i = k + 1; i < n; ++i)
-            if (std::abs(a(i, k)) > std::abs(a(p, k))) p = i;
-        if (a(p, k) == 0.0) throw std::domain_error("a singular matrix");
-        for (std::int64_t j = 0; j < n; ++j) {
-            std::swap(a(p, j), a(k, j));
-            std::swap(inverse(p, j), inverse(k, j));
-        }
-        const double pivot = a(k, k);
-        for (std::int64_t j = 0; j < n; ++j) {
-            a(k, j) /= pivot;
-            inverse(k, j) /= pivot;
-        }
-        for (std::int64_t i = 0; i < n; ++i) {
-            const double factor = a(i, k);
-            if (i == k || factor == 0.0) continue;
-            for (std::int64_t j = 0; j < n; ++j) {
-                a(i, j) -= factor * a(k, j);
-                inverse(i, j) -= factor * inverse(k, j);
-            }
-        }
-    }
-    return inverse;
 }
 
 std::vector<double> dense_solution(const matrix<double>& c, const std::vector<double>& b) {

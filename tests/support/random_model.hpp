@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "modview.hpp"
+#include "relationship.hpp"
 #include "temporary_directory.hpp"
 
 /// Small random models with all that an instruction file can say of records, and their equations as a dense
@@ -23,6 +24,7 @@ struct model_choice {
     bool covariables = true;  ///< covariable effects, nested or not
     bool correlated = true;   ///< groups of correlated random effects
     bool external = true;     ///< effects with an external inverse relationship matrix
+    bool pedigrees = false;   ///< animal effects: a pedigree, with groups or metafounders
     bool residual_classes = true;
     bool weights = true;
     bool missing = true;
@@ -42,8 +44,11 @@ struct random_effect {
     std::vector<std::int32_t> slot;                 ///< per trait, from 1
     std::int32_t owner = 0;                         ///< effect whose equations this one has, from 1
     std::vector<std::vector<double>> coefficients;  ///< per level; empty: no line in the file
-    matrix<double> g;     ///< covariances of the group, by member, covariable and trait
-    matrix<double> ainv;  ///< inverse relationships of the levels
+    matrix<double> g;              ///< covariances of the group, by member, covariable and trait
+    matrix<double> ainv;           ///< inverse relationships of the levels
+    matrix<std::int32_t> parents;  ///< 2 x levels, of an animal effect
+    std::int32_t nupg = 0;
+    matrix<double> gamma;  ///< relationships of metafounders
     [[nodiscard]] std::int32_t nslot_level() const { return covariable ? (nnest > 0 ? nnest : 1) : nlevel; }
 };
 
@@ -64,6 +69,7 @@ class random_model {
     matrix<double> weight;                     ///< ntrait x nrec, or empty
 
     std::int64_t neq = 0;
+    double weightupg = 1.0;
     matrix<double> xrx;     ///< neq x neq: X' R^-1 X
     matrix<double> c;       ///< neq x neq
     std::vector<double> b;  ///< neq
@@ -82,6 +88,7 @@ class random_model {
 
   private:
     void make_effects(const model_choice& choice);
+    void make_pedigree(random_effect& effect, std::int32_t type, std::int32_t nupg);
     void make_records(const model_choice& choice);
     void number_equations();
     void form_equations();
@@ -95,8 +102,6 @@ class random_model {
     std::map<std::tuple<std::int32_t, std::int32_t, std::int32_t, std::int32_t>, std::int64_t> equations_;
 };
 
-/// Inverse of a symmetric positive definite matrix by Gauss-Jordan elimination with the largest pivots.
-[[nodiscard]] matrix<double> dense_inverse(matrix<double> a);
 /// The solution of least norm of a symmetric positive semidefinite consistent system, by its eigenvectors.
 [[nodiscard]] std::vector<double> dense_solution(const matrix<double>& c, const std::vector<double>& b);
 [[nodiscard]] std::vector<double> dense_product(const matrix<double>& c, const std::vector<double>& x);
