@@ -24,6 +24,11 @@ void statsphen(param_type& param, matrix_view<const double> phen, std::span<std:
 void statsped(const param_type& param, std::span<const std::unique_ptr<pedigree_type>> ped, logger& report,
               logger& log);
 
+/// The same for the effects whose animals have any number of gene copies.
+/// @throws fatal_error  for groups, and for a covariable that is not nested.
+void statspedploidy(const param_type& param, std::span<const std::unique_ptr<pedigree_type>> ped,
+                    logger& report, logger& log);
+
 /// Opens the report "log_stats.dat" and calls the statistics procedures on it.
 void statsdata(param_type& param, phenotype_data& data, double rmissing, logger& log,
                std::span<const std::unique_ptr<pedigree_type>> ped = {});

@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <numeric>
 #include <string>
+#include <vector>
 
 #include "modbasic.hpp"
 #include "modenum.hpp"
 #include "modgeneral.hpp"
+#include "modpedigree_ploidy.hpp"
 
 namespace zendar {
 
@@ -41,14 +43,17 @@ struct offspring_counts {
     }
 };
 
+double sum_of(const std::vector<double>& values) {
+    return std::accumulate(values.begin(), values.end(), 0.0);
+}
+
 std::string statistics(const pedigree_type& ped, std::int32_t e, std::int32_t type) {
     const std::int32_t n = ped.nlength(), nani = n - ped.nupg;
     const offspring_counts offspring(ped);
-    const double sum = std::accumulate(ped.f.begin(), ped.f.end(), 0.0);
     std::string text =
         "Effect " + inttochar(e) + "\nNumber of levels                  : " + inttochar(n) +
         "\nNumber of (real) animals          : " + inttochar(nani) +
-        "\nAverage inbreeding                : " + realtochar(sum / nani, "(f0.3)") +
+        "\nAverage inbreeding                : " + realtochar(sum_of(ped.f) / nani, "(f0.3)") +
         "\nNumber of known parents           : " + inttochar(offspring.count(1, nani, 0)) +
         "\nNumber of known parents (>50 off.): " + inttochar(offspring.count(1, nani, many_offspring)) +
         "\nNumber of unknown (0) parents     : " + inttochar(offspring.unknown);
@@ -71,6 +76,28 @@ void statsped(const param_type& param, std::span<const std::unique_ptr<pedigree_
         if (param.type_effect[e - 1] != teff_class && param.n_level_nested[e - 1] < 1)
             fatal(log, "Covariables are not possible with animal effect", "modgeneral", "statsped");
         report.message(statistics(*ped[e - 1], e, type));
+    }
+}
+
+void statspedploidy(const param_type& param, std::span<const std::unique_ptr<pedigree_type>> ped,
+                    logger& report, logger& log) {
+    report.message("");
+    report.message("STATISTICS FOR PEDIGREE WITH PLOIDY (if any)");
+    report.message("");
+    for (std::int32_t e = 1; e <= param.neffect; ++e) {
+        const std::int32_t type = param.type_random[e - 1];
+        if (!is_ploidy_code(type) || e > std::ssize(ped)) continue;
+        const auto* const ploidy = dynamic_cast<const pedigree_ploidy_type*>(ped[e - 1].get());
+        if (ploidy == nullptr) continue;
+        if (param.type_effect[e - 1] != teff_class && param.n_level_nested[e - 1] < 1)
+            fatal(log, "Covariables are not possible with ploidy animal effect", "modgeneral",
+                  "statspedploidy");
+        if (ploidy->nupg > 0)
+            fatal(log, "Genetic groups for ploidy animal effect is not supported yet", "modgeneral",
+                  "statspedploidy");
+        const double coancestries = 0.5 * sum_of(ploidy->kdiag);
+        report.message(statistics(*ploidy, e, type) + "\nAverage diagonal coancestry       : " +
+                       realtochar(coancestries / ploidy->nlength(), "(f0.3)"));
     }
 }
 

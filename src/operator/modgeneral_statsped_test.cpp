@@ -4,6 +4,7 @@
 #include "captured_log.hpp"
 #include "modenum.hpp"
 #include "modgeneral.hpp"
+#include "modpedigree_ploidy.hpp"
 
 namespace zendar {
 namespace {
@@ -75,6 +76,58 @@ TEST(Statsped, RefusesCovariablesThatAreNotNested) {
     param.type_effect = {teff_covariable};
     EXPECT_EQ(test::fatal_message([&] { statsped(param, two_families(0), report, log); }),
               "Covariables are not possible with animal effect");
+}
+
+/// A founder of four copies, its selfed offspring and another founder.
+pedigree_list copies_of_four() {
+    auto ped = std::make_unique<pedigree_ploidy_type>();
+    ped->nupg = 0;
+    ped->ped = matrix<std::int32_t>(2, 3);
+    ped->ped(0, 1) = ped->ped(1, 1) = 1;
+    ped->tau = matrix<std::int32_t>(2, 3, 2);
+    ped->lambda = matrix<double>(2, 3);
+    ped->f = {0.0, 1.0 / 6.0, 0.0};
+    ped->kdiag = {0.5, 0.75, 0.5};
+    ped->kparents = {0.0, 0.5, 0.0};
+    pedigree_list list;
+    list.push_back(std::move(ped));
+    return list;
+}
+
+const std::string ploidy_heading = "\nSTATISTICS FOR PEDIGREE WITH PLOIDY (if any)\n\n";
+
+TEST(Statspedploidy, TellsOfCoancestriesBesides) {
+    captured_log report, log;
+    statspedploidy(effect_of(trandom_ani_ploidy), copies_of_four(), report, log);
+    EXPECT_EQ(report.text(), ploidy_heading +
+                                 "Effect 1\n"
+                                 "Number of levels                  : 3\n"
+                                 "Number of (real) animals          : 3\n"
+                                 "Average inbreeding                : .056\n"
+                                 "Number of known parents           : 1\n"
+                                 "Number of known parents (>50 off.): 0\n"
+                                 "Number of unknown (0) parents     : 4\n"
+                                 "Average diagonal coancestry       : .292\n");
+}
+
+TEST(Statspedploidy, SharesTheEffectsWithTheOrdinaryStatistics) {
+    captured_log report, log;
+    statsped(effect_of(trandom_ani_ploidy), copies_of_four(), report, log);
+    statspedploidy(effect_of(trandom_ani), two_families(0), report, log);
+    statspedploidy(effect_of(trandom_ani_ploidy), {}, report, log);
+    EXPECT_EQ(report.text(), heading + ploidy_heading + ploidy_heading);
+}
+
+TEST(Statspedploidy, RefusesCovariablesThatAreNotNestedAndGroups) {
+    captured_log report, log;
+    param_type param = effect_of(trandom_ani_ploidy);
+    pedigree_list list = copies_of_four();
+    list[0]->nupg = 1;
+    EXPECT_EQ(test::fatal_message([&] { statspedploidy(param, list, report, log); }),
+              "Genetic groups for ploidy animal effect is not supported yet");
+    param.type_effect = {teff_covariable};
+    EXPECT_EQ(test::fatal_message([&] { statspedploidy(param, list, report, log); }),
+              "Covariables are not possible with ploidy animal effect");
 }
 
 }  // namespace

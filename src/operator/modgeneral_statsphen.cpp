@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "modbasic.hpp"
+#include "modenum.hpp"
 #include "modgeneral.hpp"
 
 namespace zendar {
@@ -145,6 +146,7 @@ void statsdata(param_type& param, phenotype_data& data, double rmissing, logger&
     data.combitrait.resize(static_cast<std::size_t>(data.phen.cols()));
     statsphen(param, data.phen.view(), data.combitrait, rmissing, report, log);
     statsped(param, ped, report, log);
+    if (std::ranges::any_of(param.type_random, is_ploidy_code)) statspedploidy(param, ped, report, log);
 }
 
 }  // namespace zendar

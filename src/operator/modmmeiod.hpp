@@ -20,6 +20,8 @@
 /// 1999).
 namespace zendar {
 
+class a22_inverse;
+
 /// The correlated group that a random effect opens: one covariance block, repeated at every level.
 /// Entry i of a block is (member k, covariable j, trait t), the trait fastest and the member slowest.
 struct effect_group {
@@ -74,6 +76,8 @@ struct operator_state {
         asparse;                                 ///< [e - 1]: inverse relationship matrix, upper triangle
     std::vector<const pedigree_type*> pedigree;  ///< [e - 1]: null where there is none
     double weightupg = 0.0;                      ///< on the diagonal of random groups
+    std::vector<std::unique_ptr<a22_inverse>> asparsesub;  ///< [e - 1]: of the types with a part of A22^-1
+    double a22i_weight = 0.0;                              ///< of A22^-1: tau / beta - omega
     residual_table rinv;
     std::vector<record_term> terms;    ///< one per effect that the record step reads
     std::vector<record_block> blocks;  ///< one per thread
@@ -114,8 +118,8 @@ class mme_iod final : public linear_system {
 
     /// r = Z' R^-1 Z x, by the kernel that was chosen.
     void computeleastsquarepart(std::span<const double> x, std::span<double> r);
-    /// r += G^-1 x for all random effects.
-    void computerandompart(std::span<const double> x, std::span<double> r);
+    /// r += G^-1 x for all random effects. Steps that are timed are appended to the text.
+    void computerandompart(std::span<const double> x, std::span<double> r, std::string& text);
 
     [[nodiscard]] const modmmeiod::operator_state& state() const { return state_; }
     [[nodiscard]] const param_type& param() const { return param_; }
@@ -130,6 +134,7 @@ class mme_iod final : public linear_system {
     void setleastsquarepart_full();
     void setup_random_effects();
     void setup_relationships(const effect_group& group);
+    void setup_a22i(const effect_group& group, const pedigree_type& ped);
     void computerhs(std::span<double> b, std::string& text);
     void priormean(std::span<double> b, std::span<double> work, std::string& text);
     void finish_residual(std::span<const double> x, std::span<const double> b, std::span<double> r,

@@ -26,7 +26,7 @@ void mme_iod::atimesx(std::span<const double> x, std::span<double> r) {
     computeleastsquarepart(x, r);
     text += " Least squares part * x  : " + realtochar(least_squares_clock.seconds(), "(f0.3)");
     const wtime random_clock;
-    computerandompart(x, r);
+    computerandompart(x, r, text);
     text += " Total random part * x   : " + realtochar(random_clock.seconds(), "(f0.3)");
     log_.message(text);
 }

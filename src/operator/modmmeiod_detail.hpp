@@ -106,6 +106,11 @@ void computerandompart_eff_ani_inb_timesx(const effect_group& group, const pedig
 /// r += weightupg (I kron G^-1) x for the last `nupg` levels.
 void computerandompart_eff_upg_timesx(const effect_group& group, std::int32_t nupg, double weightupg,
                                       std::span<const double> x, std::span<double> r);
+/// r += weight (A22^-1 kron G^-1) x at the levels of A22. `work` is that of the random part.
+struct random_work;
+void addrandompart_a22i_timesx(const effect_group& group, a22_inverse& a22i, double weight, random_work& work,
+                               std::span<const double> x, std::span<double> r);
+/// r += (A^-1 kron G^-1) x from the sparse matrix; both work arrays have levels x order values.
 void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
                                 std::span<double> gathered, std::span<double> product,
                                 std::span<const double> x, std::span<double> r);

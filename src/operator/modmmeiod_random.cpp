@@ -3,8 +3,10 @@
 
 #include "modbasic.hpp"
 #include "modenum.hpp"
+#include "modmmeiod_a22i.hpp"
 #include "modmmeiod_detail.hpp"
 #include "modmmeiod_random.hpp"
+#include "modstats.hpp"
 
 namespace zendar {
 
@@ -112,6 +114,25 @@ void addrandompartsparse_timesx(const effect_group& group, const crssparse& aspa
         }
 }
 
+void addrandompart_a22i_timesx(const effect_group& group, a22_inverse& a22i, double weight, random_work& work,
+                               std::span<const double> x, std::span<double> r) {
+    const std::int64_t order = group.order(), n = a22i.size();
+    const std::span<const std::int32_t> levels = a22i.levels();
+    const matrix_view<double> in{work.gathered.data(), n, order, n}, out{work.product.data(), n, order, n};
+#pragma omp parallel for schedule(static) default(none) shared(group, levels, in, x, order, n)
+    for (std::int64_t k = 0; k < n; ++k)
+        for (std::int64_t i = 0; i < order; ++i)
+            in(k, i) = x[static_cast<std::size_t>(group.at(i, levels[static_cast<std::size_t>(k)] - 1))];
+    a22i.computea22i_timesx(in, out, work.a22i);
+#pragma omp parallel for schedule(static) default(none) shared(group, levels, out, r, order, n, weight)
+    for (std::int64_t k = 0; k < n; ++k)
+        for (std::int64_t i = 0; i < order; ++i) {
+            double sum = 0.0;
+            for (std::int64_t j = 0; j < order; ++j) sum += group.ginv(j, i) * out(k, j);
+            r[static_cast<std::size_t>(group.at(i, levels[static_cast<std::size_t>(k)] - 1))] += weight * sum;
+        }
+}
+
 namespace {
 
 void add_diagonal(const operator_state&, const effect_group& group, random_work&, std::span<const double> x,
@@ -124,6 +145,16 @@ void add_sparse(const operator_state& state, const effect_group& group, random_w
     const auto n = static_cast<std::size_t>(group.order() * group.nlevel);
     addrandompartsparse_timesx(group, *state.asparse[group.effect - 1], work.gathered.first(n),
                                work.product.first(n), x, r);
+}
+
+void add_sparse_and_a22i(const operator_state& state, const effect_group& group, random_work& work,
+                         std::span<const double> x, std::span<double> r) {
+    add_sparse(state, group, work, x, r);
+    a22_inverse* const a22i = state.asparsesub[group.effect - 1].get();
+    if (a22i == nullptr) return;
+    const wtime clock;
+    addrandompart_a22i_timesx(group, *a22i, state.a22i_weight, work, x, r);
+    work.text += " (tau/beta - omega) * A22i * x : " + realtochar(clock.seconds(), "(f0.3)");
 }
 
 void add_pedigree(const operator_state& state, const effect_group& group, random_work&,
@@ -142,13 +173,16 @@ constexpr std::array<random_product, 5> pedigree_products{{{0, nullptr},
                                                            {trandom_ani, add_pedigree},
                                                            {trandom_ani_upg, add_pedigree},
                                                            {trandom_ani_rupg, add_pedigree_and_groups}}};
-constexpr std::array<random_product, 7> sparse_products{{{0, nullptr},
-                                                         {1, add_diagonal},
-                                                         {trandom_ani, add_sparse},
-                                                         {trandom_ani_upg, add_sparse},
-                                                         {trandom_ani_meta, add_sparse},
-                                                         {trandom_ani_rupg, add_sparse},
-                                                         {10, add_sparse}}};
+constexpr std::array<random_product, 10> sparse_products{{{0, nullptr},
+                                                          {1, add_diagonal},
+                                                          {trandom_ani, add_sparse},
+                                                          {trandom_ani_upg, add_sparse},
+                                                          {trandom_ani_meta, add_sparse},
+                                                          {trandom_ani_rupg, add_sparse},
+                                                          {10, add_sparse},
+                                                          {trandom_ani_a22i, add_sparse_and_a22i},
+                                                          {trandom_ani_upg_a22i, add_sparse_and_a22i},
+                                                          {trandom_ani_rupg_a22i, add_sparse_and_a22i}}};
 
 }  // namespace
 
@@ -162,8 +196,8 @@ const random_product* find_random_product(std::int32_t type_random, bool useaspa
 
 }  // namespace modmmeiod
 
-void mme_iod::computerandompart(std::span<const double> x, std::span<double> r) {
-    modmmeiod::random_work work{state_.tmpvector1, state_.tmpvector2};
+void mme_iod::computerandompart(std::span<const double> x, std::span<double> r, std::string& text) {
+    modmmeiod::random_work work{state_.tmpvector1, state_.tmpvector2, state_.tmpvector, text};
     for (const effect_group& group : state_.groups) {
         const modmmeiod::random_product* product =
             modmmeiod::find_random_product(param_.type_random[group.effect - 1], param_.useasparse);

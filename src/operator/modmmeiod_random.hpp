@@ -2,15 +2,18 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "modmmeiod.hpp"
 
 /// The random part: r += G^-1 x, effect by effect.
 namespace zendar::modmmeiod {
 
-/// Work arrays of the sparse form: levels x order each.
+/// Work arrays of the sparse forms, and the line of timings.
 struct random_work {
-    std::span<double> gathered, product;
+    std::span<double> gathered, product;  ///< levels x order each
+    std::span<double> a22i;               ///< for `computea22i_timesx`
+    std::string& text;
 };
 
 /// One row per random type that the form knows.

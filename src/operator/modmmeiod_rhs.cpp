@@ -83,7 +83,7 @@ void mme_iod::priormean(std::span<double> b, std::span<double> work, std::string
     step_clock clock(text);
     initvectorfromfile_real8(param_, work, param_.priormean, log_);
     clock.end("Reading prior_mean      : ");
-    computerandompart(work, b);
+    computerandompart(work, b, text);
     clock.end("Gi * prior_mean         : ");
 }
 

@@ -1,12 +1,14 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 #include <tuple>
 
 #include "modbasic.hpp"
 #include "modenum.hpp"
 #include "modfile.hpp"
+#include "modmmeiod_a22i.hpp"
 #include "modmmeiod_detail.hpp"
 #include "modmmeiod_ls.hpp"
 #include "modmmeiod_random.hpp"
@@ -77,7 +79,9 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
     setleastsquarepart_full();
     clock.end(log_, "Initialization done ");
 
-    if (param_.omega != 1.0) {
+    const bool uses_omega =
+        std::ranges::any_of(state_.asparsesub, [](const auto& a22i) { return a22i != nullptr; });
+    if (param_.omega != 1.0 && !uses_omega) {
         log_.warning(
             "Omega different than 1 is not supported with the requested options! Omega will be set to 1.");
         param_.omega = 1.0;
@@ -90,6 +94,8 @@ void mme_iod::setup_random_effects() {
     state_.asparse.resize(static_cast<std::size_t>(param_.neffect));
     state_.pedigree.assign(static_cast<std::size_t>(param_.neffect), nullptr);
     state_.weightupg = param_.weightupg;
+    state_.asparsesub.resize(static_cast<std::size_t>(param_.neffect));
+    state_.a22i_weight = param_.tau / param_.beta - param_.omega;
     std::size_t work = 0;
     for (std::int32_t e = 1; e <= param_.neffect; ++e) {
         const std::int32_t type = param_.type_random[e - 1];
@@ -105,6 +111,11 @@ void mme_iod::setup_random_effects() {
         if (state_.asparse[e - 1] != nullptr)
             work = std::max(work, static_cast<std::size_t>(group.order() * group.nlevel));
     }
+    std::int64_t a22i_work = 0;
+    for (const effect_group& group : state_.groups)
+        if (const auto& a22i = state_.asparsesub[group.effect - 1]; a22i != nullptr)
+            a22i_work = std::max(a22i_work, a22i->work_size(group.order()));
+    state_.tmpvector.assign(static_cast<std::size_t>(a22i_work), 0.0);
     state_.tmpvector1.assign(work, 0.0);
     state_.tmpvector2.assign(work, 0.0);
 }
@@ -137,6 +148,17 @@ void mme_iod::setup_relationships(const effect_group& group) {
     if (param_.useasparse)
         state_.asparse[e - 1] =
             std::make_unique<crssparse>(ped->computeasparse_ped(type, param_.weightupg, {}, log_));
+    if (is_a22i_effect(type)) setup_a22i(group, *ped);
+}
+
+void mme_iod::setup_a22i(const effect_group& group, const pedigree_type& ped) {
+    const std::int32_t e = group.effect;
+    if (!std::isfinite(state_.a22i_weight))
+        fatal(log_, "tau / beta - omega of effect " + inttochar(e) + " is not a finite number", "modmmeiod",
+              "setup_lhsrhs_iod");
+    if (state_.a22i_weight == 0.0) return;
+    state_.asparsesub[e - 1] = std::make_unique<a22_inverse>(
+        ped, e, readlevels(param_.file[e][3], ped.nlength() - ped.nupg, log_), log_);
 }
 
 void mme_iod::assign_computeleastsquare() {

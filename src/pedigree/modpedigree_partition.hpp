@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "modpedigree.hpp"
@@ -31,6 +32,13 @@ struct extracted_pedigree {
 
 /// Sets all parents that are groups to 0; nothing without groups, and with metafounders.
 void zeroupgineped(std::int32_t nanimal, pedigree_type& ped);
+
+/// Reads a list of animals, a level at the start of each line; what follows it is passed over, as are blank
+/// lines.
+/// @throws fatal_error  with the file and its first bad line: no integer, a level outside 1 .. nanimal or one
+///                      that stands there twice; and for a file without levels.
+[[nodiscard]] std::vector<std::int32_t> readlevels(const std::string& file, std::int32_t nanimal,
+                                                   logger& log);
 
 /// Which blocks are asked for.
 struct partition_blocks {

@@ -98,6 +98,8 @@ struct precond_input {
     std::span<const effect_group> groups;                 ///< one per random effect with a covariance block
     std::span<const std::unique_ptr<crssparse>> asparse;  ///< [e - 1], of the types that have one
     std::span<const pedigree_type* const> pedigree = {};  ///< [e - 1], null where there is none
+    std::span<const std::unique_ptr<a22_inverse>> asparsesub = {};  ///< [e - 1], likewise
+    double a22i_weight = 0.0;                                       ///< of A22^-1
 };
 
 /// The groups' matrices in assembly, [e - 1]; their indices are relative to the group's first equation.

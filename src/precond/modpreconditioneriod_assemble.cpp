@@ -245,7 +245,7 @@ preconditioner create_mija_lhs(const precond_input& in, logger& log) {
 preconditioner create_mija_lhs(const mme_iod& mme, logger& log) {
     const modmmeiod::operator_state& state = mme.state();
     return create_mija_lhs(precond_input{mme.param(), mme.data(), mme.cov(), state.rinv, state.groups,
-                                         state.asparse, state.pedigree},
+                                         state.asparse, state.pedigree, state.asparsesub, state.a22i_weight},
                            log);
 }
 

@@ -10,24 +10,28 @@ namespace {
 
 constexpr std::string_view procedure = "addrandompart_to_preconditioner";
 
-constexpr std::array<random_addition, 7> additions{
+constexpr std::string_view text_ani_inb =
+    "Addition of the random contributions for the animal (with inbreeding) effect ";
+constexpr std::string_view text_ani_upg_inb =
+    "Addition of the random contributions for the animal (with unknown parents groups + inbreeding) effect ";
+constexpr std::string_view text_ani_rupg_inb =
+    "Addition of the random contributions for the animal (with random unknown parents groups + inbreeding) "
+    "effect ";
+
+constexpr std::array<random_addition, 10> additions{
     {{0, "", nullptr},
      {1, "Addition of the random contributions for the diagonal effect ",
       addrandompart_eff_dia_to_preconditioner},
-     {trandom_ani, "Addition of the random contributions for the animal (with inbreeding) effect ",
-      addrandompart_eff_ani_inb_to_preconditioner},
-     {trandom_ani_upg,
-      "Addition of the random contributions for the animal (with unknown parents groups + inbreeding) "
-      "effect ",
-      addrandompart_eff_ani_upg_inb_to_preconditioner},
+     {trandom_ani, text_ani_inb, addrandompart_eff_ani_inb_to_preconditioner},
+     {trandom_ani_upg, text_ani_upg_inb, addrandompart_eff_ani_upg_inb_to_preconditioner},
      {trandom_ani_meta,
       "Addition of the random contributions for the animal (with inbreeding AND metafounders) effect ",
       addrandompart_eff_ani_inb_meta_to_preconditioner},
-     {trandom_ani_rupg,
-      "Addition of the random contributions for the animal (with random unknown parents groups + inbreeding) "
-      "effect ",
-      addrandompart_eff_ani_rupg_inb_to_preconditioner},
-     {10, "", addrandompart_externalmat_to_preconditioner}}};
+     {trandom_ani_rupg, text_ani_rupg_inb, addrandompart_eff_ani_rupg_inb_to_preconditioner},
+     {10, "", addrandompart_externalmat_to_preconditioner},
+     {trandom_ani_a22i, text_ani_inb, addrandompart_eff_ani_inb_to_preconditioner},
+     {trandom_ani_upg_a22i, text_ani_upg_inb, addrandompart_eff_ani_upg_inb_to_preconditioner},
+     {trandom_ani_rupg_a22i, text_ani_rupg_inb, addrandompart_eff_ani_rupg_inb_to_preconditioner}}};
 
 /// The identity between levels.
 template <class Sink>

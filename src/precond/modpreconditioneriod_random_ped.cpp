@@ -1,3 +1,5 @@
+#include "modenum.hpp"
+#include "modmmeiod_a22i.hpp"
 #include "modpedigree_rules.hpp"
 #include "modpreconditioneriod_random.hpp"
 
@@ -52,25 +54,55 @@ void add_animal_effect(const random_context& context, const effect_group& group,
                           });
 }
 
+/// (tau/beta - omega) diag(A22^-1) for the listed animals; the diagonal is estimated.
+void addrandompart_a22_huge_to_preconditioner(const random_context& context, const effect_group& group) {
+    constexpr std::string_view procedure = "addrandompart_a22_huge_to_preconditioner";
+    if (context.in.a22i_weight == 0.0) return;
+    const auto place = static_cast<std::size_t>(group.effect - 1);
+    a22_inverse* const a22i =
+        place < context.in.asparsesub.size() ? context.in.asparsesub[place].get() : nullptr;
+    if (a22i == nullptr)
+        fatal(context.log, "asparsesub is not allocated for effect " + inttochar(group.effect), module_tag,
+              procedure);
+    context.log.message("Computation of diagonal elements of A22-1");
+    const std::vector<double> diagonal = computediaga22i(*a22i, context.log);
+    context.log.message("Addition of A22-1 to preconditioner");
+    add_to_preconditioner(context.in, group, context.mija_global, context.cootmp, procedure, context.log,
+                          [&](const auto& sink) {
+                              for (std::size_t k = 0; k < diagonal.size(); ++k)
+                                  sink.add(a22i->levels()[k] - 1, context.in.a22i_weight * diagonal[k]);
+                          });
+    context.log.message("    Number of elements for the core animals added to the preconditioner: " +
+                        inttochar(a22i->size()));
+}
+
+/// With a part of A22^-1 where the type asks for it.
+void add_parts(const random_context& context, const effect_group& group, bool random_groups,
+               std::string_view procedure) {
+    add_animal_effect(context, group, random_groups, procedure);
+    if (is_a22i_effect(context.in.param.type_random[static_cast<std::size_t>(group.effect - 1)]))
+        addrandompart_a22_huge_to_preconditioner(context, group);
+}
+
 }  // namespace
 
 void addrandompart_eff_ani_inb_to_preconditioner(const random_context& context, const effect_group& group) {
-    add_animal_effect(context, group, false, "addrandompart_eff_ani_inb_to_preconditioner");
+    add_parts(context, group, false, "addrandompart_eff_ani_inb_to_preconditioner");
 }
 
 void addrandompart_eff_ani_upg_inb_to_preconditioner(const random_context& context,
                                                      const effect_group& group) {
-    add_animal_effect(context, group, false, "addrandompart_eff_ani_upg_inb_to_preconditioner");
+    add_parts(context, group, false, "addrandompart_eff_ani_upg_inb_to_preconditioner");
 }
 
 void addrandompart_eff_ani_rupg_inb_to_preconditioner(const random_context& context,
                                                       const effect_group& group) {
-    add_animal_effect(context, group, true, "addrandompart_eff_upg_to_preconditioner");
+    add_parts(context, group, true, "addrandompart_eff_upg_to_preconditioner");
 }
 
 void addrandompart_eff_ani_inb_meta_to_preconditioner(const random_context& context,
                                                       const effect_group& group) {
-    add_animal_effect(context, group, false, "addrandompart_eff_ani_inb_meta_to_preconditioner");
+    add_parts(context, group, false, "addrandompart_eff_ani_inb_meta_to_preconditioner");
 }
 
 }  // namespace zendar::modpreconditioneriod

@@ -81,10 +81,6 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
     return choice;
 }
 
-bool has_type(const random_model& model, std::int32_t type) {
-    return std::ranges::count(model.effects, type, &random_effect::type_random) > 0;
-}
-
 /// @returns how many models were solved, stopping at the first one that was not solved well.
 int solve_random_models(std::uint64_t first, std::uint64_t last, bool pedigrees, double tolerance) {
     int solved = 0;
@@ -101,8 +97,7 @@ int solve_random_models(std::uint64_t first, std::uint64_t last, bool pedigrees,
         const random_model model(choice, seed);
         if (std::ranges::all_of(model.b, [](double v) { return v == 0.0; })) continue;
         solver_choice solver = choose(model, seed);
-        if (pedigrees && seed % 2 == 0 && !has_type(model, 7) && !has_type(model, 10))
-            solver.options += "!notuseasparse\n";
+        if (pedigrees && seed % 2 == 0 && !model.needs_asparse()) solver.options += "!notuseasparse\n";
         SCOPED_TRACE("seed " + std::to_string(seed) + ", " + std::to_string(solver.threads) +
                      " threads: " + model.describe() + "\n" + solver.options);
         const threads scope(solver.threads);

@@ -45,6 +45,11 @@ matrix<double> random_model::random_covariance(std::int32_t n) {
 random_model::random_model(const model_choice& choice, std::uint64_t seed)
     : ntrait(choice.ntrait), nrec(choice.nrec), random_(seed) {
     lweights_ = choice.weights && chance(0.5);
+    if (choice.pedigrees) {
+        tau = 0.5 + 0.25 * pick(0, 4);
+        beta = 0.05 * pick(1, 8);
+        omega = 0.25 * pick(0, 4);
+    }
     make_effects(choice);
     make_records(choice);
     number_equations();
@@ -57,8 +62,8 @@ void random_model::make_effects(const model_choice& choice) {
         const std::int32_t nmember = opener && choice.correlated && e < choice.neffect && chance(0.4) ? 2 : 1;
         const bool animal = opener && choice.pedigrees && chance(0.8);
         const bool external = !animal && opener && choice.external && chance(0.4);
-        const std::int32_t type_animal = animal ? std::array{3, 5, 7, 9}[pick(0, 3)] : 0;
-        const std::int32_t nupg = type_animal > 3 ? pick(1, 3) : 0;
+        const std::int32_t type_animal = animal ? std::array{3, 5, 7, 9, 103, 105, 109}[pick(0, 6)] : 0;
+        const std::int32_t nupg = type_animal % 100 > 3 ? pick(1, 3) : 0;
         const std::int32_t nlevel = animal ? pick(1, 20) + nupg : pick(1, 9);
         std::int32_t order = 0;
         std::vector<bool> in_block;
@@ -133,6 +138,8 @@ void random_model::make_pedigree(random_effect& effect, std::int32_t type, std::
     choice.selfing = chance(0.3);
     effect.type_random = type;
     effect.parents = random_pedigree(choice, random_());
+    const bool a22i = type > 100;
+    type %= 100;
     if (type == 3) effect.ainv = dense_inverse(tabular_relationship(effect.parents, 0));
     if (type == 7) {
         effect.gamma = random_metarel(nupg, random_());
@@ -141,6 +148,25 @@ void random_model::make_pedigree(random_effect& effect, std::int32_t type, std::
     if (type == 5 || type == 9) effect.ainv = dense_inverse_with_groups(effect.parents, nupg);
     if (type == 9)
         for (std::int32_t g = choice.nanimal; g < effect.nslot_level(); ++g) effect.ainv(g, g) += weightupg;
+    if (a22i) add_part_of_a22i(effect, choice.nanimal);
+}
+
+void random_model::add_part_of_a22i(random_effect& effect, std::int32_t nanimal) {
+    const double share = chance(0.1) ? 1.0 : 0.4;
+    for (std::int32_t i = 1; i <= nanimal; ++i)
+        if (chance(share)) effect.list.push_back(i);
+    if (effect.list.empty()) effect.list.push_back(pick(1, nanimal));
+    std::ranges::shuffle(effect.list, random_);
+    const matrix<double> a = tabular_relationship(effect.parents, effect.nupg);
+    const std::int64_t n = std::ssize(effect.list);
+    matrix<double> a22(n, n);
+    for (std::int64_t i = 0; i < n; ++i)
+        for (std::int64_t j = 0; j < n; ++j) a22(i, j) = a(effect.list[i] - 1, effect.list[j] - 1);
+    const matrix<double> inverse = dense_inverse(a22);
+    effect.a22i = matrix<double>(effect.nslot_level(), effect.nslot_level());
+    for (std::int64_t i = 0; i < n; ++i)
+        for (std::int64_t j = 0; j < n; ++j)
+            effect.a22i(effect.list[i] - 1, effect.list[j] - 1) = (tau / beta - omega) * inverse(i, j);
 }
 
 void random_model::make_records(const model_choice& choice) {
@@ -206,6 +232,12 @@ std::vector<std::pair<std::int64_t, double>> random_model::row_of(std::int32_t t
     return row;
 }
 
+bool random_model::needs_asparse() const {
+    return std::ranges::any_of(effects, [](const random_effect& effect) {
+        return effect.type_random == 7 || effect.type_random == 10 || !effect.list.empty();
+    });
+}
+
 std::vector<double> random_model::estimable(std::span<const double> x) const {
     std::vector<double> values;
     for (std::int32_t rec = 0; rec < nrec; ++rec)
@@ -220,8 +252,8 @@ std::vector<double> random_model::estimable(std::span<const double> x) const {
     for (const auto& [key, equation] : equations_) {
         std::int32_t opener = std::get<0>(key);
         while (effects[opener - 1].nmember == 0 && opener > 1) --opener;
-        with_groups[equation - 1] =
-            effects[opener - 1].type_random == 5 && std::get<0>(key) < opener + effects[opener - 1].nmember;
+        with_groups[equation - 1] = effects[opener - 1].type_random % 100 == 5 &&
+                                    std::get<0>(key) < opener + effects[opener - 1].nmember;
     }
     for (std::int64_t i = 0; i < neq; ++i)
         if (c(i, i) > xrx(i, i) && !with_groups[i]) values.push_back(x[i]);
@@ -253,33 +285,38 @@ void random_model::form_equations() {
     }
     xrx = c;
     for (std::int32_t e = 1; e <= std::ssize(effects); ++e) {
-        const random_effect& first = effects[e - 1];
-        if (first.type_random == 0) continue;
-        std::vector<std::tuple<std::int32_t, std::int32_t, std::int32_t>> block;  // effect, covariable, slot
-        for (std::int32_t k = 0; k < first.nmember; ++k)
-            for (std::int32_t j = 1; j <= effects[e - 1 + k].ncov; ++j)
-                for (std::int32_t s = 1; s <= ntrait; ++s) block.emplace_back(e + k, j, s);
-        // Only what varies has a prior.
-        std::vector<std::int64_t> varies;
-        for (std::int64_t i = 0; i < std::ssize(block); ++i)
-            if (first.g(i, i) > 0.0) varies.push_back(i);
-        matrix<double> g(std::ssize(varies), std::ssize(varies));
-        for (std::int64_t i = 0; i < g.rows(); ++i)
-            for (std::int64_t j = 0; j < g.cols(); ++j) g(i, j) = first.g(varies[i], varies[j]);
-        const matrix<double> gi = dense_inverse(g);
-        const std::int32_t nlevel = first.nslot_level();
-        for (std::int32_t l1 = 1; l1 <= nlevel; ++l1)
-            for (std::int32_t l2 = 1; l2 <= nlevel; ++l2) {
-                const double a = first.ainv.empty() ? (l1 == l2 ? 1.0 : 0.0) : first.ainv(l1 - 1, l2 - 1);
-                if (a == 0.0) continue;
-                for (std::int64_t i = 0; i < g.rows(); ++i)
-                    for (std::int64_t j = 0; j < g.cols(); ++j) {
-                        const auto [e1, j1, s1] = block[varies[i]];
-                        const auto [e2, j2, s2] = block[varies[j]];
-                        c(equation(e1, l1, j1, s1) - 1, equation(e2, l2, j2, s2) - 1) += a * gi(i, j);
-                    }
-            }
+        if (effects[e - 1].type_random == 0) continue;
+        add_random_part(e, effects[e - 1].ainv, c);
+        if (!effects[e - 1].a22i.empty()) add_random_part(e, effects[e - 1].a22i, c);
     }
+}
+
+void random_model::add_random_part(std::int32_t e, const matrix<double>& between, matrix<double>& to) const {
+    const random_effect& first = effects[e - 1];
+    std::vector<std::tuple<std::int32_t, std::int32_t, std::int32_t>> block;  // effect, covariable, slot
+    for (std::int32_t k = 0; k < first.nmember; ++k)
+        for (std::int32_t j = 1; j <= effects[e - 1 + k].ncov; ++j)
+            for (std::int32_t s = 1; s <= ntrait; ++s) block.emplace_back(e + k, j, s);
+    // Only what varies has a prior.
+    std::vector<std::int64_t> varies;
+    for (std::int64_t i = 0; i < std::ssize(block); ++i)
+        if (first.g(i, i) > 0.0) varies.push_back(i);
+    matrix<double> g(std::ssize(varies), std::ssize(varies));
+    for (std::int64_t i = 0; i < g.rows(); ++i)
+        for (std::int64_t j = 0; j < g.cols(); ++j) g(i, j) = first.g(varies[i], varies[j]);
+    const matrix<double> gi = dense_inverse(g);
+    const std::int32_t nlevel = first.nslot_level();
+    for (std::int32_t l1 = 1; l1 <= nlevel; ++l1)
+        for (std::int32_t l2 = 1; l2 <= nlevel; ++l2) {
+            const double a = between.empty() ? (l1 == l2 ? 1.0 : 0.0) : between(l1 - 1, l2 - 1);
+            if (a == 0.0) continue;
+            for (std::int64_t i = 0; i < g.rows(); ++i)
+                for (std::int64_t j = 0; j < g.cols(); ++j) {
+                    const auto [e1, j1, s1] = block[varies[i]];
+                    const auto [e2, j2, s2] = block[varies[j]];
+                    to(equation(e1, l1, j1, s1) - 1, equation(e2, l2, j2, s2) - 1) += a * gi(i, j);
+                }
+        }
 }
 
 void random_model::write(const temporary_directory& directory, const std::string& options) const {
@@ -347,7 +384,8 @@ void random_model::write(const temporary_directory& directory, const std::string
         }
         if (!effect.parents.empty()) {
             par += "ped_" + id + ".txt" + (effect.nupg > 0 ? " " + std::to_string(effect.nupg) : "") +
-                   " compute" + (effect.gamma.empty() ? "" : " gamma_" + id + ".txt") + "\n";
+                   " compute" + (effect.gamma.empty() ? "" : " gamma_" + id + ".txt") +
+                   (effect.list.empty() ? "" : " list_" + id + ".txt") + "\n";
             text.clear();
             for (std::int64_t i = 0; i < effect.parents.cols() - effect.nupg; ++i)
                 text += std::to_string(i + 1) + " " + std::to_string(effect.parents(0, i)) + " " +
@@ -359,6 +397,9 @@ void random_model::write(const temporary_directory& directory, const std::string
                     text += std::to_string(i + 1) + " " + std::to_string(j + 1) + " " +
                             number(effect.gamma(i, j)) + "\n";
             if (!effect.gamma.empty()) directory.write("gamma_" + id + ".txt", text);
+            text.clear();
+            for (const std::int32_t animal : effect.list) text += std::to_string(animal) + " genotyped\n";
+            if (!effect.list.empty()) directory.write("list_" + id + ".txt", text);
         }
         par += "g_" + id + ".txt\n";
         text.clear();
@@ -378,6 +419,8 @@ void random_model::write(const temporary_directory& directory, const std::string
     for (std::size_t e = 0; landeffect_ && e < effects.size(); ++e)
         if (effects[e].owner != static_cast<std::int32_t>(e + 1))
             par += "!andeffect 1 " + std::to_string(effects[e].owner) + " " + std::to_string(e + 1) + "\n";
+    if (std::ranges::any_of(effects, [](const random_effect& effect) { return !effect.list.empty(); }))
+        par += "!tau " + number(tau) + "\n!beta " + number(beta) + "\n!omega " + number(omega) + "\n";
     directory.write("model.par", par + options);
 
     text.clear();

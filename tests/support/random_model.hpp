@@ -48,7 +48,9 @@ struct random_effect {
     matrix<double> ainv;           ///< inverse relationships of the levels
     matrix<std::int32_t> parents;  ///< 2 x levels, of an animal effect
     std::int32_t nupg = 0;
-    matrix<double> gamma;  ///< relationships of metafounders
+    matrix<double> gamma;            ///< relationships of metafounders
+    std::vector<std::int32_t> list;  ///< animals with a part of A22^-1, types 103 to 109
+    matrix<double> a22i;             ///< levels x levels: this part with its weight
     [[nodiscard]] std::int32_t nslot_level() const { return covariable ? (nnest > 0 ? nnest : 1) : nlevel; }
 };
 
@@ -70,9 +72,10 @@ class random_model {
 
     std::int64_t neq = 0;
     double weightupg = 1.0;
-    matrix<double> xrx;     ///< neq x neq: X' R^-1 X
-    matrix<double> c;       ///< neq x neq
-    std::vector<double> b;  ///< neq
+    double tau = 1.0, beta = 0.05, omega = 1.0;  ///< A22^-1 has the weight tau / beta - omega
+    matrix<double> xrx;                          ///< neq x neq: X' R^-1 X
+    matrix<double> c;                            ///< neq x neq
+    std::vector<double> b;                       ///< neq
 
     /// Equation (from 1) of an unknown of effect e (from 1).
     [[nodiscard]] std::int64_t equation(std::int32_t e, std::int32_t level, std::int32_t covariable,
@@ -82,6 +85,12 @@ class random_model {
     [[nodiscard]] std::string describe() const;
     /// The row of X of a trait (from 0) of a record (from 0): equations (from 0) and coefficients.
     [[nodiscard]] std::vector<std::pair<std::int64_t, double>> row_of(std::int32_t t, std::int32_t rec) const;
+    /// Whether an effect cannot be had by iteration on the pedigree: metafounders, external matrices, parts
+    /// of A22^-1.
+    [[nodiscard]] bool needs_asparse() const;
+    /// Adds a matrix between the levels of the random effect e (from 1), times its inverse covariances, to
+    /// the equations `to`. An empty matrix stands for the identity.
+    void add_random_part(std::int32_t e, const matrix<double>& between, matrix<double>& to) const;
     /// What is unique in any solution: the fitted values of all records and traits, then all that has a
     /// prior.
     [[nodiscard]] std::vector<double> estimable(std::span<const double> x) const;
@@ -89,6 +98,7 @@ class random_model {
   private:
     void make_effects(const model_choice& choice);
     void make_pedigree(random_effect& effect, std::int32_t type, std::int32_t nupg);
+    void add_part_of_a22i(random_effect& effect, std::int32_t nanimal);
     void make_records(const model_choice& choice);
     void number_equations();
     void form_equations();
