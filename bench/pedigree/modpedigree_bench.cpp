@@ -1,48 +1,48 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <numeric>
 #include <random>
 #include <string>
 
 #include "bench_floor.hpp"
 #include "modbasic.hpp"
 #include "modpedigree.hpp"
+#include "modstats.hpp"
 
 namespace {
 
 using namespace zendar;
 
-/// Animals of each generation; sires and dams are taken at random from among the first ones of the
-/// generation before.
-struct population {
-    std::int32_t generations = 10, per_generation = 100'000, sires = 2'000, dams = 50'000;
-};
+constexpr std::int32_t million = 1'000'000;
 
-/// A million animals in 10 generations of 100,000. The parents of a generation are 2,000 sires and 50,000
-/// dams of the one before, drawn at random from it once; each animal then has a random one of either. Codes
-/// are by age, within a generation in random order.
-const pedigree_type& pedigree() {
-    static const pedigree_type made = [] {
-        const population size;
-        std::mt19937 random(1);
-        pedigree_type ped;
-        ped.nupg = 0;
-        ped.ped = matrix<std::int32_t>(2, size.generations * size.per_generation);
-        std::vector<std::int32_t> codes(static_cast<std::size_t>(size.per_generation));
-        for (std::int32_t g = 1; g < size.generations; ++g) {
-            const std::int32_t before = (g - 1) * size.per_generation;
-            std::iota(codes.begin(), codes.end(), before + 1);
-            std::shuffle(codes.begin(), codes.end(), random);
-            for (std::int32_t k = 0; k < size.per_generation; ++k) {
-                ped.ped(0, before + size.per_generation + k) = codes[random() % size.sires];
-                ped.ped(1, before + size.per_generation + k) = codes[size.sires + random() % size.dams];
-            }
+/// A pedigree of 10 generations of equal size; a million animals if nothing else is said. The parents of a
+/// generation are 2 % of the one before as sires and 50 % of it as dams, drawn at random from it once; each
+/// animal then has a random one of either. Codes are by age, within a generation in random order.
+const pedigree_type& pedigree(std::int32_t nanimal = million) {
+    static std::map<std::int32_t, pedigree_type> made;
+    pedigree_type& ped = made[nanimal];
+    if (ped.nlength() > 0) return ped;
+    constexpr std::int32_t generations = 10;
+    const std::int32_t size = nanimal / generations, sires = size / 50, dams = size / 2;
+    std::mt19937 random(1);
+    ped.nupg = 0;
+    ped.ped = matrix<std::int32_t>(2, generations * size);
+    std::vector<std::int32_t> codes(static_cast<std::size_t>(size));
+    for (std::int32_t g = 1; g < generations; ++g) {
+        const std::int32_t before = (g - 1) * size;
+        std::iota(codes.begin(), codes.end(), before + 1);
+        std::shuffle(codes.begin(), codes.end(), random);
+        for (std::int32_t k = 0; k < size; ++k) {
+            ped.ped(0, before + size + k) = codes[random() % sires];
+            ped.ped(1, before + size + k) = codes[sires + random() % dams];
         }
-        return ped;
-    }();
-    return made;
+    }
+    return ped;
 }
 
 /// Animals that the paths from all animals lead to, each counted once for each of these: the visits that
@@ -94,6 +94,77 @@ void BM_computeinbreeding_ped(benchmark::State& state) {
         visits(), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_computeinbreeding_ped)->ArgName("method")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+
+/// How the cost grows: coefficients by either method (1, 2), the order (3), A-inverse (4).
+void BM_growth(benchmark::State& state) {
+    const bench::thread_count one(1);
+    const auto step = state.range(0);
+    pedigree_type ped;
+    ped.ped = pedigree(static_cast<std::int32_t>(state.range(1))).ped;
+    ped.nupg = 0;
+    logger log;
+    if (step == 4) ped.computeinbreeding_ped({2, ""}, log);
+    std::int64_t elements = 0;
+    for (auto _ : state) {
+        if (step <= 2)
+            ped.computeinbreeding_ped({static_cast<std::int32_t>(step), ""}, log);
+        else if (step == 3)
+            benchmark::DoNotOptimize(ped.getorder(log).order.data());
+        else
+            elements = ped.computeasparse_ped(3, 0.0, 1, log).totalnumberofelements();
+    }
+    const auto n = static_cast<double>(ped.nlength());
+    state.SetLabel(step == 3 ? "order" : step == 4 ? "A-inverse" : "inbreeding");
+    state.counters["s_per_animal"] =
+        benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    if (elements > 0) state.counters["elements"] = static_cast<double>(elements);
+}
+BENCHMARK(BM_growth)
+    ->ArgsProduct({{1, 2, 3, 4}, {million / 4, million, 4 * million}})
+    ->ArgNames({"step", "animals"})
+    ->Unit(benchmark::kMillisecond);
+
+/// A-inverse times six columns beside a floor: the bytes of the matrix and of both dense arrays at the rate
+/// of streaming, and the reads and additions at the positions of the elements beside the diagonal, as a loop
+/// over random positions takes them; both measured in the same run.
+void BM_ainverse_product(benchmark::State& state) {
+    const bench::thread_count threads(state.range(0));
+    constexpr std::int64_t columns = 6;
+    pedigree_type ped;
+    ped.ped = pedigree().ped;
+    ped.nupg = 0;
+    logger log;
+    ped.computeinbreeding_ped({2, ""}, log);
+    const crssparse ainv = ped.computeasparse_ped(3, 0.0, 1, log);
+    const std::int64_t n = ped.nlength();
+    const matrix<double> x(n, columns, 0.5);
+    matrix<double> y(n, columns);
+    double best = 1e30;
+    for (auto _ : state) {
+        const wtime clock;
+        ainv.multgenm(1.0, 'n', x.view(), 0.0, y.view());
+        best = std::min(best, clock.seconds());
+    }
+    const auto elements = static_cast<double>(ainv.totalnumberofelements());
+    const double bytes =
+        12.0 * elements + 4.0 * static_cast<double>(n) + 24.0 * static_cast<double>(n * columns);
+    const double stream = bytes / bench::read_bandwidth();
+    std::vector<std::int32_t> index;
+    const crs_view<std::int32_t> view = ainv.view();
+    for (std::int64_t i = 0; i < n; ++i)
+        for (std::int32_t k = view.ia[i] - 1; k < view.ia[i + 1] - 1; ++k)
+            if (view.ja[k] != i + 1) index.push_back(view.ja[k] - 1);
+    const double random = bench::random_access_seconds(index, n, 1) * columns;
+    state.counters["of_stream"] = best / stream;
+    state.counters["of_floor"] = best / (stream + random);
+    state.counters["elements"] = elements;
+}
+BENCHMARK(BM_ainverse_product)
+    ->ArgName("threads")
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void BM_getorder(benchmark::State& state) {
     pedigree_type ped;

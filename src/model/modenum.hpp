@@ -21,6 +21,7 @@ inline constexpr std::int32_t trandom_ani_rupg = 9;         ///< and random grou
 inline constexpr std::int32_t trandom_ani_a22i = 103;       ///< the same with a part of A22^-1
 inline constexpr std::int32_t trandom_ani_upg_a22i = 105;
 inline constexpr std::int32_t trandom_ani_rupg_a22i = 109;
+inline constexpr std::int32_t trandom_ani_ploidy = 203;     ///< any number of gene copies
 
 /// What a file line of an EFFECT_ID block holds, in the order of the words.
 enum class block_word : std::uint8_t { file1, file2, file3, file4, nupg };

@@ -37,6 +37,13 @@ void readdata_cov_ascii(const param_type& param, std::vector<covariable_type>& c
 /// @throws fatal_error  for a type without pedigree, for a covariable that is not nested, and as the readers.
 [[nodiscard]] pedigree_list readdata_ped_ascii(const param_type& param, std::int32_t inbmethod, logger& log);
 
+/// Reads the pedigree of each effect with any number of gene copies into its element of `list`, a
+/// `pedigree_ploidy_type`, and computes its founders and its inbreeding coefficients. Other elements stay as
+/// they are; the list becomes one element per effect.
+/// @throws fatal_error  for an inbreeding input other than "compute", for a code of such effects that has no
+///                      rules, for a covariable that is not nested, for groups, and as the readers.
+void readdata_pedploidy_ascii(const param_type& param, pedigree_list& list, logger& log);
+
 /// Reads a symmetric matrix of order n from lines "i j value" in any order: either triangle, or both.
 ///
 /// (i,j) and (j,i) name one element: given in both triangles it counts once, and the values must be equal (to

@@ -7,6 +7,7 @@
 #include "captured_log.hpp"
 #include "modenum.hpp"
 #include "modparameters_utils.hpp"
+#include "modpedigree_ploidy.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar {
@@ -109,6 +110,97 @@ TEST_F(ReaddataPedAscii, RefusesTypesAndFilesThatDoNotFit) {
     EXPECT_THAT(refusal(param), HasSubstr("nowhere.txt"));
     folder_.write("ped.txt", "3 1 2\n4 3 9\n");
     EXPECT_THAT(refusal(effect(trandom_ani, 4)), HasSubstr("line 2"));
+}
+
+/// One effect with a pedigree of any number of gene copies.
+class ReaddataPedploidyAscii : public ReaddataPedAscii {
+  protected:
+    ReaddataPedploidyAscii() { folder_.write("ped.txt", "1 0 0 2 2 .1 .1\n2 0 0 1 1 0 0\n3 1 2 2 1 .1 0\n"); }
+
+    param_type ploidy(std::int32_t n = 4, std::int32_t type = trandom_ani_ploidy) { return effect(type, n); }
+    pedigree_list read_ploidy(const param_type& param, pedigree_list list = {}) {
+        readdata_pedploidy_ascii(param, list, log_);
+        return list;
+    }
+    std::string refusal_of(const param_type& param) {
+        return fatal_message([&] { read_ploidy(param); });
+    }
+};
+
+TEST_F(ReaddataPedploidyAscii, ReadsThePedigreeAndComputesFoundersAndCoefficients) {
+    const pedigree_list list = read_ploidy(ploidy());
+    ASSERT_EQ(list.size(), 1U);
+    const auto* const ped = dynamic_cast<const pedigree_ploidy_type*>(list[0].get());
+    ASSERT_NE(ped, nullptr);
+    EXPECT_THAT(ped->ped.values(), ElementsAre(0, 0, 0, 0, 1, 2, 0, 0));
+    EXPECT_THAT(ped->tau.values(), ElementsAre(2, 2, 1, 1, 2, 1, 1, 1));  // level 4 has no line
+    EXPECT_EQ(ped->f.size(), 4U);
+    EXPECT_NEAR(ped->f[0], 0.1 / 2.1, 1e-15);
+    EXPECT_EQ(ped->kdiag[1], 1.0);
+    EXPECT_EQ(ped->kparents.size(), 4U);
+    EXPECT_EQ(ped->nupg, 0);
+    EXPECT_EQ(ped->filename, "ped.txt");
+    EXPECT_THAT(log_.text(), testing::StartsWith("Memory (MB) needed for ped   : .00\n"
+                                                 "Start computation of founders\n"));
+    EXPECT_THAT(log_.text(), HasSubstr("\nStart computation of inbreeding\n"));
+    EXPECT_TRUE(folder_.exists("ped.txt.inb"));
+}
+
+TEST_F(ReaddataPedploidyAscii, StandsInTheListOfTheOtherEffects) {
+    folder_.write("plain.txt", "3 1 2\n");
+    param_type param = effect(trandom_ani, 3);
+    param.neffect = 2;
+    param.type_effect = {teff_class, teff_class};
+    param.n_level = {3, 3};
+    param.n_level_nested = {0, 0};
+    param.type_random = {trandom_ani, trandom_ani_ploidy};
+    param.nupg = {};
+    param.file.push_back(param.file[1]);
+    param.file[1][0] = "plain.txt";
+    pedigree_list list = read(param);
+    EXPECT_EQ(list[1], nullptr);
+    const pedigree_type* const first = list[0].get();
+    list = read_ploidy(param, std::move(list));
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_EQ(list[0].get(), first);
+    EXPECT_NE(dynamic_cast<const pedigree_ploidy_type*>(list[1].get()), nullptr);
+}
+
+TEST_F(ReaddataPedploidyAscii, LeavesEffectsWithoutPedigreeAlone) {
+    for (const char* name : {"none", "compute", ""}) {
+        param_type param = ploidy();
+        param.file[1][0] = name;
+        EXPECT_EQ(read_ploidy(param)[0], nullptr) << name;
+    }
+    EXPECT_EQ(read_ploidy(effect(trandom_ani, 4))[0], nullptr);
+    EXPECT_EQ(log_.text(), "");
+}
+
+TEST_F(ReaddataPedploidyAscii, ComputesCoefficientsOnly) {
+    for (const char* name : {"none", "inb.txt", ""}) {
+        param_type param = ploidy();
+        param.file[1][1] = name;
+        EXPECT_EQ(refusal_of(param), "Ped ploidy: only the option \"compute\" is supported\"");
+    }
+}
+
+TEST_F(ReaddataPedploidyAscii, TakesTheLevelsOfANestingForRandomRegression) {
+    param_type param = ploidy(2);
+    param.type_effect = {teff_covariable};
+    EXPECT_EQ(refusal_of(param), "Covariables are not possible with animal effects");
+    param.n_level_nested = {4};
+    EXPECT_EQ(read_ploidy(param)[0]->nlength(), 4);
+}
+
+TEST_F(ReaddataPedploidyAscii, RefusesTypesGroupsAndFilesThatDoNotFit) {
+    EXPECT_EQ(refusal_of(ploidy(4, 205)), "This type of effect 205 is not implemented");
+    EXPECT_EQ(refusal_of(effect(trandom_ani_ploidy, 4, 1)),
+              "Genetic groups for ploidy animal effect is not supported yet");
+    EXPECT_EQ(refusal_of(ploidy(2)), "Pedigree not correctly read at line 3");
+    folder_.write("ped.txt", "1 0 0 1 1 .1 0\n");
+    EXPECT_EQ(refusal_of(ploidy()), "Diploid founders with a lambda different than 0\nLevel 1\nFile ped.txt");
+    folder_.write("ped.txt", "1 2 0 1 1 0 0\n2 0 1 1 1 0 0\n");
+    EXPECT_THAT(refusal_of(ploidy()), HasSubstr("An animal of the pedigree is its own ancestor: 2, 1"));
 }
 
 }  // namespace

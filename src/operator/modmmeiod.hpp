@@ -13,6 +13,7 @@
 #include "modpartarray.hpp"
 #include "modpedigree.hpp"
 #include "modsparse_crs.hpp"
+#include "modsparse_pages.hpp"
 #include "modstructure.hpp"
 
 /// The mixed model equations by iteration on data: C times a vector is computed from the records, the
@@ -67,6 +68,14 @@ struct residual_table {
     }
 };
 
+/// The rows of a sparse matrix of relationships that each thread multiplies with.
+struct sparse_parts {
+    std::vector<std::int64_t> bounds;  ///< part p has the rows [bounds[p], bounds[p + 1]), from 0
+
+    /// Values of the sums that the parts need for equations beyond their rows; `order` per level.
+    [[nodiscard]] std::int64_t spill_size(std::int64_t order) const;
+};
+
 /// What the operator keeps for the iteration. One instance per run.
 struct operator_state {
     std::int32_t loptimem = -9;                   ///< -9 until the set-up
@@ -74,6 +83,7 @@ struct operator_state {
     std::vector<effect_group> groups;             ///< openers of random effects with a covariance block
     std::vector<std::unique_ptr<crssparse>>
         asparse;                                 ///< [e - 1]: inverse relationship matrix, upper triangle
+    std::vector<sparse_parts> parts;             ///< [e - 1]: of `asparse`
     std::vector<const pedigree_type*> pedigree;  ///< [e - 1]: null where there is none
     double weightupg = 0.0;                      ///< on the diagonal of random groups
     std::vector<std::unique_ptr<a22_inverse>> asparsesub;  ///< [e - 1]: of the types with a part of A22^-1
@@ -83,7 +93,8 @@ struct operator_state {
     std::vector<record_block> blocks;  ///< one per thread
     /// (thread, effect), thread fastest; an array is allocated where threads meet in the same equations
     std::vector<part_array> residual;
-    std::vector<double> tmpvector, tmpvector1, tmpvector2;
+    page_array<double> tmpvector;    ///< of the products with sparse matrices
+    std::vector<double> tmpvector1;  ///< of the products with A22^-1
 
     operator_state();
     ~operator_state();
@@ -134,6 +145,7 @@ class mme_iod final : public linear_system {
     void setleastsquarepart_full();
     void setup_random_effects();
     void setup_relationships(const effect_group& group);
+    void allocate_tmpvectors();
     void setup_a22i(const effect_group& group, const pedigree_type& ped);
     void computerhs(std::span<double> b, std::string& text);
     void priormean(std::span<double> b, std::span<double> work, std::string& text);

@@ -95,35 +95,16 @@ void computerandompart_eff_dia_timesx(const effect_group& group, std::span<const
     }
 }
 
-void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
-                                std::span<double> gathered, std::span<double> product,
-                                std::span<const double> x, std::span<double> r) {
-    const std::int64_t order = group.order(), n = group.nlevel;
-    matrix_view<double> in{gathered.data(), n, order, n}, out{product.data(), n, order, n};
-#pragma omp parallel for schedule(static) default(none) shared(group, in, x, order, n)
-    for (std::int64_t level = 0; level < n; ++level)
-        for (std::int64_t i = 0; i < order; ++i)
-            in(level, i) = x[static_cast<std::size_t>(group.at(i, level))];
-    asparse.multgenm(1.0, 'n', in, 0.0, out);
-#pragma omp parallel for schedule(static) default(none) shared(group, out, r, order, n)
-    for (std::int64_t level = 0; level < n; ++level)
-        for (std::int64_t i = 0; i < order; ++i) {
-            double sum = 0.0;
-            for (std::int64_t j = 0; j < order; ++j) sum += group.ginv(j, i) * out(level, j);
-            r[static_cast<std::size_t>(group.at(i, level))] += sum;
-        }
-}
-
 void addrandompart_a22i_timesx(const effect_group& group, a22_inverse& a22i, double weight, random_work& work,
                                std::span<const double> x, std::span<double> r) {
     const std::int64_t order = group.order(), n = a22i.size();
     const std::span<const std::int32_t> levels = a22i.levels();
-    const matrix_view<double> in{work.gathered.data(), n, order, n}, out{work.product.data(), n, order, n};
+    const matrix_view<double> in{work.a22i.data(), n, order, n}, out{in.data + n * order, n, order, n};
 #pragma omp parallel for schedule(static) default(none) shared(group, levels, in, x, order, n)
     for (std::int64_t k = 0; k < n; ++k)
         for (std::int64_t i = 0; i < order; ++i)
             in(k, i) = x[static_cast<std::size_t>(group.at(i, levels[static_cast<std::size_t>(k)] - 1))];
-    a22i.computea22i_timesx(in, out, work.a22i);
+    a22i.computea22i_timesx(in, out, work.a22i.subspan(static_cast<std::size_t>(2 * n * order)));
 #pragma omp parallel for schedule(static) default(none) shared(group, levels, out, r, order, n, weight)
     for (std::int64_t k = 0; k < n; ++k)
         for (std::int64_t i = 0; i < order; ++i) {
@@ -142,9 +123,8 @@ void add_diagonal(const operator_state&, const effect_group& group, random_work&
 
 void add_sparse(const operator_state& state, const effect_group& group, random_work& work,
                 std::span<const double> x, std::span<double> r) {
-    const auto n = static_cast<std::size_t>(group.order() * group.nlevel);
-    addrandompartsparse_timesx(group, *state.asparse[group.effect - 1], work.gathered.first(n),
-                               work.product.first(n), x, r);
+    const auto e = static_cast<std::size_t>(group.effect - 1);
+    addrandompartsparse_timesx(group, *state.asparse[e], state.parts[e], work.spill, x, r);
 }
 
 void add_sparse_and_a22i(const operator_state& state, const effect_group& group, random_work& work,
@@ -173,7 +153,7 @@ constexpr std::array<random_product, 5> pedigree_products{{{0, nullptr},
                                                            {trandom_ani, add_pedigree},
                                                            {trandom_ani_upg, add_pedigree},
                                                            {trandom_ani_rupg, add_pedigree_and_groups}}};
-constexpr std::array<random_product, 10> sparse_products{{{0, nullptr},
+constexpr std::array<random_product, 11> sparse_products{{{0, nullptr},
                                                           {1, add_diagonal},
                                                           {trandom_ani, add_sparse},
                                                           {trandom_ani_upg, add_sparse},
@@ -182,7 +162,8 @@ constexpr std::array<random_product, 10> sparse_products{{{0, nullptr},
                                                           {10, add_sparse},
                                                           {trandom_ani_a22i, add_sparse_and_a22i},
                                                           {trandom_ani_upg_a22i, add_sparse_and_a22i},
-                                                          {trandom_ani_rupg_a22i, add_sparse_and_a22i}}};
+                                                          {trandom_ani_rupg_a22i, add_sparse_and_a22i},
+                                                          {trandom_ani_ploidy, add_sparse}}};
 
 }  // namespace
 
@@ -197,7 +178,7 @@ const random_product* find_random_product(std::int32_t type_random, bool useaspa
 }  // namespace modmmeiod
 
 void mme_iod::computerandompart(std::span<const double> x, std::span<double> r, std::string& text) {
-    modmmeiod::random_work work{state_.tmpvector1, state_.tmpvector2, state_.tmpvector, text};
+    modmmeiod::random_work work{state_.tmpvector.span(), state_.tmpvector1, text};
     for (const effect_group& group : state_.groups) {
         const modmmeiod::random_product* product =
             modmmeiod::find_random_product(param_.type_random[group.effect - 1], param_.useasparse);

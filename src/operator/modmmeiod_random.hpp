@@ -9,10 +9,11 @@
 /// The random part: r += G^-1 x, effect by effect.
 namespace zendar::modmmeiod {
 
-/// Work arrays of the sparse forms, and the line of timings.
+/// Work arrays, and the line of timings.
 struct random_work {
-    std::span<double> gathered, product;  ///< levels x order each
-    std::span<double> a22i;               ///< for `computea22i_timesx`
+    std::span<double> spill;  ///< of products with sparse matrices
+    std::span<double>
+        a22i;  ///< twice the animals of A22 times the order, and what `computea22i_timesx` needs
     std::string& text;
 };
 

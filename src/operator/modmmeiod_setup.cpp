@@ -13,6 +13,7 @@
 #include "modmmeiod_ls.hpp"
 #include "modmmeiod_random.hpp"
 #include "modparameters_utils.hpp"
+#include "modpedigree_ploidy.hpp"
 #include "modstats.hpp"
 
 namespace zendar {
@@ -50,7 +51,7 @@ std::int64_t mme_iod::size() const {
 }
 
 std::int64_t mme_iod::work_size() const {
-    return std::ssize(state_.tmpvector) + std::ssize(state_.tmpvector1) + std::ssize(state_.tmpvector2);
+    return state_.tmpvector.size() + std::ssize(state_.tmpvector1);
 }
 
 void mme_iod::clean_lhs_iod() {
@@ -96,7 +97,6 @@ void mme_iod::setup_random_effects() {
     state_.weightupg = param_.weightupg;
     state_.asparsesub.resize(static_cast<std::size_t>(param_.neffect));
     state_.a22i_weight = param_.tau / param_.beta - param_.omega;
-    std::size_t work = 0;
     for (std::int32_t e = 1; e <= param_.neffect; ++e) {
         const std::int32_t type = param_.type_random[e - 1];
         log_.message("Setting-up of matrices for effect " + inttochar(e));
@@ -108,16 +108,27 @@ void mme_iod::setup_random_effects() {
         const effect_group& group = state_.groups.emplace_back(make_effect_group(param_, e, log_));
         if (!is_pedigree_code(type)) continue;
         setup_relationships(group);
-        if (state_.asparse[e - 1] != nullptr)
-            work = std::max(work, static_cast<std::size_t>(group.order() * group.nlevel));
     }
-    std::int64_t a22i_work = 0;
-    for (const effect_group& group : state_.groups)
-        if (const auto& a22i = state_.asparsesub[group.effect - 1]; a22i != nullptr)
-            a22i_work = std::max(a22i_work, a22i->work_size(group.order()));
-    state_.tmpvector.assign(static_cast<std::size_t>(a22i_work), 0.0);
-    state_.tmpvector1.assign(work, 0.0);
-    state_.tmpvector2.assign(work, 0.0);
+    allocate_tmpvectors();
+}
+
+/// Work arrays of the random part: all effects use the same ones, one after the other.
+void mme_iod::allocate_tmpvectors() {
+    std::int64_t spill = 0, a22i_work = 0;
+    state_.parts.resize(static_cast<std::size_t>(param_.neffect));
+    for (const effect_group& group : state_.groups) {
+        const auto e = static_cast<std::size_t>(group.effect - 1);
+        if (state_.asparse[e] != nullptr) {
+            state_.parts[e] =
+                modmmeiod::make_sparse_parts(*state_.asparse[e], std::max(omp_get_max_threads(), 1));
+            spill = std::max(spill, state_.parts[e].spill_size(group.order()));
+        }
+        if (const auto& a22i = state_.asparsesub[e]; a22i != nullptr)
+            a22i_work =
+                std::max(a22i_work, 2 * a22i->size() * group.order() + a22i->work_size(group.order()));
+    }
+    state_.tmpvector = page_array<double>(spill);
+    state_.tmpvector1.assign(static_cast<std::size_t>(a22i_work), 0.0);
 }
 
 /// What stands between the levels of a group: an external matrix, or a pedigree and, unless the iteration
@@ -134,16 +145,22 @@ void mme_iod::setup_relationships(const effect_group& group) {
         return;
     }
     const pedigree_type* const ped = e <= std::ssize(ped_) ? ped_[e - 1].get() : nullptr;
+    const bool ploidy = is_ploidy_code(type);
+    if (ploidy && dynamic_cast<const pedigree_ploidy_type*>(ped) == nullptr)
+        fatal(log_, "The DT pedploidy is not allocated!", "modmmeiod", procedure);
     if (ped == nullptr || ped->f.empty())
         fatal(log_,
               "The effect " + inttochar(e) + " needs " +
                   (ped == nullptr ? "a pedigree" : "inbreeding coefficients") +
                   ", but the instruction file names no file of them",
               "modmmeiod", procedure);
+    const std::string kind = ploidy ? "ped ploidy" : "ped";
     if (ped->nlength() != group.nlevel)
-        fatal(log_, "The number of animals in param_type and in ped are different!", "modmmeiod", procedure);
+        fatal(log_, "The number of animals in param_type and in " + kind + " are different!", "modmmeiod",
+              procedure);
     if (ped->nupg != (param_.nupg.empty() ? 0 : param_.nupg[e - 1]))
-        fatal(log_, "The number of UPGs in param_type and in ped are different!", "modmmeiod", procedure);
+        fatal(log_, "The number of UPGs in param_type and in " + kind + " are different!", "modmmeiod",
+              procedure);
     state_.pedigree[e - 1] = ped;
     if (param_.useasparse)
         state_.asparse[e - 1] =

@@ -73,7 +73,9 @@ class pedigree_type {
     /// @throws fatal_error  without metafounders, and with the file and its first bad line.
     void readmetarel(const std::string& file, std::int32_t effect, logger& log);
     /// Reads lines "id value" into `f`, zero for all others, up to the first line that cannot be read. Before
-    /// the tenth value lines that begin with # are comments.
+    /// the tenth value lines that begin with # are comments. Coefficients outside of -1 to 1 are a warning.
+    /// @throws fatal_error  for an id outside of the levels or a value that is not finite, with its line, and
+    ///                      for a loop in the pedigree.
     void readinbreeding(const std::string& file, logger& log);
 
     // ---- reports (modpedigree_print.cpp)
@@ -88,6 +90,8 @@ class pedigree_type {
     /// come first. With an explicit stack: any depth will do.
     /// @throws fatal_error  for an animal among its own ancestors, naming the animals of one loop.
     [[nodiscard]] pedigree_order getorder(logger& log) const;
+    /// The same check for loops, without the order and without messages.
+    void check_loops(logger& log) const;
     /// Flags (1) listed levels and all their ancestors, or descendants, groups excepted.
     [[nodiscard]] std::vector<std::uint8_t> getancestors(std::span<const std::int32_t> list) const;
     [[nodiscard]] std::vector<std::uint8_t> getdescendants(std::span<const std::int32_t> list) const;
@@ -129,6 +133,8 @@ class pedigree_type {
     /// @returns false when the cache held f.
     bool read_inbreeding_cache(const inbreeding_options& options, logger& log, bool& exists);
     void write_inbreeding_cache(const inbreeding_options& options, logger& log) const;
+    /// Warns of values of `f` that cannot be right, which come from this file.
+    void warn_of_odd_coefficients(const std::string& file, logger& log) const;
 };
 
 /// One element per effect, null for those without pedigree.

@@ -80,27 +80,19 @@ crssparse pedigree_type::computeasparse_ped(std::int32_t efftype, double weightu
         std::int32_t rank = 0;
         ginv1_real8(inverse.view(), 1e-8, rank);
     }
-    element_store store(n, n, true);
-    const auto offer_all = [&] {
-        if (efftype == trandom_ani || efftype == trandom_ani_a22i)
-            addrandompart_eff_ani_inb(*this, store);
-        else if (efftype == trandom_ani_meta)
-            addrandompart_eff_ani_meta(*this, inverse, store);
-        else
-            addrandompart_eff_ani_upg_inb(*this, store);
-        if (efftype == trandom_ani_rupg || efftype == trandom_ani_rupg_a22i)
-            for (std::int32_t g = n - nupg + 1; g <= n; ++g) store.add(g, g, weightupg);
-    };
-    offer_all();
-    store.begin_storing();
-    offer_all();
-
-    log.message("Temporary memory (MB)             : " + realtochar(mib(store.bytes()), "(f0.2)"));
-    crssparse result = store.finish(log);
-    log.message("Memory (MB) needed for sparse Ainv: " +
-                realtochar(mib(12 * result.totalnumberofelements() + 4 * std::int64_t{n}), "(f0.2)"));
-    log.message("Wall clock time (s)               : " + realtochar(clock.seconds(), "(f0.3)"));
-    return result;
+    return inverse_from_elements(
+        n,
+        [&](element_store& store) {
+            if (efftype == trandom_ani || efftype == trandom_ani_a22i)
+                addrandompart_eff_ani_inb(*this, store);
+            else if (efftype == trandom_ani_meta)
+                addrandompart_eff_ani_meta(*this, inverse, store);
+            else
+                addrandompart_eff_ani_upg_inb(*this, store);
+            if (efftype == trandom_ani_rupg || efftype == trandom_ani_rupg_a22i)
+                for (std::int32_t g = n - nupg + 1; g <= n; ++g) store.add(g, g, weightupg);
+        },
+        clock, log);
 }
 
 }  // namespace zendar

@@ -23,11 +23,12 @@ test::pedigree_choice choice_of(std::uint64_t seed, std::int32_t most) {
     choice.unknown = 0.1 + 0.1 * static_cast<double>(seed % 5);
     choice.selfing = seed % 3 == 0;
     choice.shuffled = seed % 4 != 0;
+    choice.generations = seed % 2 == 0 ? 0 : 2 + static_cast<std::int32_t>(seed % 9);
     return choice;
 }
 
 TEST(ComputeasparsePed, IsTheInverseOfTheTabularRelationships) {
-    for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
         SCOPED_TRACE(seed);
         const auto parents = test::random_pedigree(choice_of(seed, seed % 10 == 0 ? 300 : 60), seed);
         const matrix<double> expected = test::dense_inverse(test::tabular_relationship(parents, 0));
@@ -40,9 +41,9 @@ TEST(ComputeasparsePed, IsTheInverseOfTheTabularRelationships) {
 }
 
 TEST(ComputeasparsePed, LinksAnimalsAndGroups) {
-    for (std::uint64_t seed = 1; seed <= 60; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
         SCOPED_TRACE(seed);
-        test::pedigree_choice choice = choice_of(seed, 30);
+        test::pedigree_choice choice = choice_of(seed, seed % 20 == 0 ? 300 : 60);
         choice.nupg = 1 + static_cast<std::int32_t>(seed % 4);
         choice.complete = seed % 2 == 0;
         const auto parents = test::random_pedigree(choice, seed);
@@ -61,9 +62,9 @@ TEST(ComputeasparsePed, LinksAnimalsAndGroups) {
 }
 
 TEST(ComputeasparsePed, IsTheInverseOfTheRelationshipsWithMetafounders) {
-    for (std::uint64_t seed = 1; seed <= 60; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
         SCOPED_TRACE(seed);
-        test::pedigree_choice choice = choice_of(seed, 60);
+        test::pedigree_choice choice = choice_of(seed, seed % 10 == 0 ? 300 : 60);
         choice.nupg = 1 + static_cast<std::int32_t>(seed % 5);
         choice.complete = true;
         const auto parents = test::random_pedigree(choice, seed);
@@ -73,7 +74,7 @@ TEST(ComputeasparsePed, IsTheInverseOfTheRelationshipsWithMetafounders) {
         captured_log log;
         const pedigree_type ped = pedigree_with_f(parents, choice.nupg, gamma);
         ASSERT_LT(largest_difference(dense(ped.computeasparse_ped(trandom_ani_meta, 0.0, 1, log)), expected),
-                  1e-9);
+                  1e-10);
     }
 }
 

@@ -54,13 +54,14 @@ class inbreeding_progress {
     wtime clock_;
 };
 
-/// What is known of an animal with offspring.
-struct alignas(32) parent_record {
+/// What is known of an animal with offspring, in 32 bytes: no two cache lines in a big array.
+struct parent_record {
     double d;                          ///< its Mendelian sampling variance
     std::int32_t parents[2]{};         ///< their records, 0 unknown
     std::int32_t of_generations[2]{};  ///< those of the parents
     std::int32_t generation = 0;       ///< 0 without known parents, else one more than the higher of a parent
 };
+static_assert(sizeof(parent_record) == 32);
 
 /// Only animals with offspring are ever visited: their records, by generation, so that parents come before
 /// their offspring. Within a generation those with many offspring come first, which keeps them together in

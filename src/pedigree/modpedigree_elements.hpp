@@ -4,8 +4,10 @@
 #include <string_view>
 #include <vector>
 
+#include "modbasic.hpp"
 #include "modparameters_utils_triplets.hpp"
 #include "modpedigree.hpp"
+#include "modstats.hpp"
 
 /// What the builders of A-inverse and of its blocks share.
 namespace zendar {
@@ -55,6 +57,22 @@ class element_store {
     std::int32_t ncol_;
     bool upper_, storing_ = false;
 };
+
+/// The upper triangle, n x n, of what `offer(store)` adds, which is called twice; tells of memory and of the
+/// time since the start of `clock`.
+template <class Offer>
+crssparse inverse_from_elements(std::int32_t n, Offer&& offer, const wtime& clock, logger& log) {
+    element_store store(n, n, true);
+    offer(store);
+    store.begin_storing();
+    offer(store);
+    log.message("Temporary memory (MB)             : " + realtochar(mib(store.bytes()), "(f0.2)"));
+    crssparse result = store.finish(log);
+    log.message("Memory (MB) needed for sparse Ainv: " +
+                realtochar(mib(12 * result.totalnumberofelements() + 4 * std::int64_t{n}), "(f0.2)"));
+    log.message("Wall clock time (s)               : " + realtochar(clock.seconds(), "(f0.3)"));
+    return result;
+}
 
 /// @throws fatal_error  for an animal with an unknown parent, which no pedigree with metafounders may have.
 void check_metafounders(const pedigree_type& ped, std::string_view procedure, logger& log);

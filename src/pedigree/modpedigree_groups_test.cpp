@@ -53,9 +53,29 @@ TEST_F(Contributions, AreHalvedFromParentToOffspring) {
                           "Computation of contributions to genetic groups - Wall clock time (s): "));
 }
 
+TEST_F(Contributions, AreTheHalvesOfAllPaths) {
+    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
+        test::pedigree_choice choice;
+        choice.nanimal = 1 + static_cast<std::int32_t>(seed * 37 % 300);
+        choice.nupg = 1 + static_cast<std::int32_t>(seed % 6);
+        choice.complete = seed % 2 == 0;
+        choice.unknown = 0.05 + 0.1 * static_cast<double>(seed % 4);
+        choice.selfing = seed % 3 == 0;
+        choice.shuffled = seed % 5 != 0;
+        choice.generations = seed % 7 < 3 ? 0 : 2 + static_cast<std::int32_t>(seed % 11);
+        pedigree_type ped;
+        ped.ped = test::random_pedigree(choice, seed);
+        ped.nupg = choice.nupg;
+        const matrix<double> expected = test::group_shares(ped.ped, ped.nupg), q = all(ped);
+        for (std::int32_t i = 0; i < ped.nlength(); ++i)
+            for (std::int32_t g = 0; g < ped.nupg; ++g)
+                ASSERT_NEAR(q(g, i), expected(i, g), 1e-12) << "seed " << seed << " level " << i + 1;
+    }
+}
+
 TEST_F(Contributions, OfASetAreThoseOfAll) {
     const int threads = omp_get_max_threads();
-    for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
         test::pedigree_choice choice;
         choice.nanimal = 5 + static_cast<std::int32_t>(seed * 7 % 100);
         choice.nupg = 1 + static_cast<std::int32_t>(seed % 6);

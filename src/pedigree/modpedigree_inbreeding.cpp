@@ -177,6 +177,7 @@ bool pedigree_type::read_inbreeding_cache(const inbreeding_options& options, log
     const cache_state state = read_cache(name + ".inb", checkval(), f);
     if (state.good && fits_metafounders(*this)) {
         warn_of_old_cache(name + ".inb", *filename, log);
+        warn_of_odd_coefficients(name + ".inb", log);
         clock.end(log, "Inbreeding coefficients read from " + name + ".inb");
         return true;
     }
@@ -186,6 +187,16 @@ bool pedigree_type::read_inbreeding_cache(const inbreeding_options& options, log
                     inttochar(state.io) + "\nhash: " + inttochar(state.hash) + " vs " + inttochar(checkval()),
                 module_tag, procedure_tag);
     return false;
+}
+
+void pedigree_type::warn_of_odd_coefficients(const std::string& file, logger& log) const {
+    std::vector<std::int32_t> odd;
+    for (std::size_t i = 0; i < f.size(); ++i)
+        if (!(std::abs(f[i]) <= 1.0)) odd.push_back(static_cast<std::int32_t>(i + 1));
+    if (!odd.empty())
+        log.warning("Inbreeding coefficients below -1 or above 1 in the file " + file + ": " +
+                        inttochar(std::ssize(odd)) + " (" + detail::first_few(odd) + ")",
+                    module_tag, procedure_tag);
 }
 
 void pedigree_type::write_inbreeding_cache(const inbreeding_options& options, logger& log) const {
@@ -215,7 +226,7 @@ void pedigree_type::computeinbreeding_ped(const inbreeding_options& options, log
     if (nupg > n) fatal(log, "Number of UPGs > number of levels (internal error)", module_tag, procedure_tag);
     f.assign(static_cast<std::size_t>(n), 0.0);
     bool exists = false;
-    if (read_inbreeding_cache(options, log, exists)) return;
+    if (read_inbreeding_cache(options, log, exists)) return check_loops(log);
 
     const wtime clock;
     const bool meuwissen = options.inbmethod == meuwissen_and_luo;

@@ -80,6 +80,15 @@ void check_parents(const matrix<std::int32_t>& ped, logger& log) {
                   module_tag, "getorder");
 }
 
+/// All parents stand before their offspring already.
+bool is_in_order(const matrix<std::int32_t>& ped, std::int32_t nani) {
+    const std::int32_t* const parents = ped.data();
+    bool ordered = true;
+    for (std::int64_t k = 0; k < 2 * std::int64_t{nani} && ordered; ++k)
+        ordered = parents[k] <= k / 2 || parents[k] > nani;
+    return ordered;
+}
+
 std::int32_t number_of_animals(const pedigree_type& ped) {
     return ped.nlength() - std::clamp(ped.nupg, 0, ped.nlength());
 }
@@ -132,13 +141,10 @@ std::vector<std::uint8_t> reach(std::int32_t n, std::int32_t nani, std::span<con
     return flag;
 }
 
-}  // namespace
-
-pedigree_order pedigree_type::getorder(logger& log) const {
-    log.message("Start to find the order from old to young");
-    const wtime clock;
-    check_parents(ped, log);
-    const std::int32_t n = nlength(), nani = number_of_animals(*this);
+/// The order of `getorder`.
+pedigree_order walk_to_ancestors(const pedigree_type& ped, logger& log) {
+    check_parents(ped.ped, log);
+    const std::int32_t n = ped.nlength(), nani = number_of_animals(ped);
     pedigree_order order;
     order.order.assign(static_cast<std::size_t>(n), 0);
     order.neworder.assign(static_cast<std::size_t>(n), 0);
@@ -147,7 +153,7 @@ pedigree_order pedigree_type::getorder(logger& log) const {
         order.order[group - 1] = ++last;
         order.neworder[last - 1] = group;
     }
-    ancestor_walk walk(ped, nani, order);
+    ancestor_walk walk(ped.ped, nani, order);
     for (std::int32_t i = 1; i <= nani; ++i) {
         const std::int32_t looped = walk.place(i, last);
         if (looped == 0) continue;
@@ -155,11 +161,24 @@ pedigree_order pedigree_type::getorder(logger& log) const {
         fatal(log,
               "An animal of the pedigree is its own ancestor: " + detail::first_few(animals) +
                   (animals.size() > 1 ? " (each a parent of the next one, the last one of the first)" : "") +
-                  (filename ? "\nFile " + *filename : std::string()),
+                  (ped.filename ? "\nFile " + *ped.filename : std::string()),
               module_tag, "getorder");
     }
+    return order;
+}
+
+}  // namespace
+
+pedigree_order pedigree_type::getorder(logger& log) const {
+    log.message("Start to find the order from old to young");
+    const wtime clock;
+    pedigree_order order = walk_to_ancestors(*this, log);
     clock.end(log, "Find order from old to young");
     return order;
+}
+
+void pedigree_type::check_loops(logger& log) const {
+    if (!is_in_order(ped, number_of_animals(*this))) static_cast<void>(walk_to_ancestors(*this, log));
 }
 
 std::vector<std::uint8_t> pedigree_type::getancestors(std::span<const std::int32_t> list) const {

@@ -168,6 +168,26 @@ TEST(Getorder, FindsEveryLoop) {
     EXPECT_LT(loops, 280);
 }
 
+TEST(CheckLoops, IsSilentAboutGoodPedigreesInAnyOrder) {
+    captured_log log;
+    pedigree({{0, 0}, {1, 0}, {1, 2}}).check_loops(log);
+    pedigree({{2, 3}, {3, 3}, {0, 0}}).check_loops(log);
+    pedigree({{4, 5}, {1, 5}, {4, 2}, {0, 0}, {0, 0}}, 2).check_loops(log);
+    pedigree({}).check_loops(log);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST(CheckLoops, StopsAtALoopWhereverItIs) {
+    captured_log log;
+    const auto message = [&](const pedigree_type& ped) {
+        return fatal_message([&] { ped.check_loops(log); });
+    };
+    EXPECT_THAT(message(pedigree({{1, 0}, {0, 0}})), HasSubstr("is its own ancestor: 1"));
+    EXPECT_THAT(message(pedigree({{0, 0}, {1, 2}})), HasSubstr("is its own ancestor: 2"));
+    EXPECT_THAT(message(pedigree({{0, 0}, {4, 1}, {1, 5}, {1, 3}, {2, 1}, {0, 0}}, 1)),
+                HasSubstr("is its own ancestor: "));
+}
+
 TEST(Getorder, StopsAtParentsThatAreNoLevels) {
     captured_log log;
     EXPECT_EQ(fatal_message([&] {

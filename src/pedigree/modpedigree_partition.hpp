@@ -58,4 +58,21 @@ struct partitioned_ainv {
                                                  std::span<const std::int32_t> list, partition_blocks blocks,
                                                  logger& log);
 
+// ---- difference matrices (modpedigree_difference.cpp)
+
+/// The virtual levels of a list: animals that are neither listed nor an ancestor of a listed one, but have a
+/// listed parent. Only they make A^22 of the whole pedigree differ from A^22 of the extracted one.
+[[nodiscard]] std::vector<std::int32_t> diffpedigree(const pedigree_type& ped,
+                                                     std::span<const std::int32_t> list, logger& log);
+
+/// What the virtual levels add to A^22: the block of the whole A-inverse over the listed animals, less that
+/// of their extracted pedigree. Numbered by the place in the list; upper triangle, with a stored diagonal.
+/// Without inbreeding coefficients parents count as not inbred.
+/// @param list            animals of `ped`, each once
+/// @param virtual_levels  of `diffpedigree`
+/// @throws fatal_error  with metafounders: without coefficients, and for an animal with an unknown parent.
+[[nodiscard]] crssparse computeadiffsparse(const pedigree_type& ped, std::int32_t effect,
+                                           std::span<const std::int32_t> list,
+                                           std::span<const std::int32_t> virtual_levels, logger& log);
+
 }  // namespace zendar

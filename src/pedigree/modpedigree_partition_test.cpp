@@ -153,6 +153,72 @@ TEST(Computeasubsparse, NeedsCoefficientsAndAllMetafounders) {
     EXPECT_EQ(message(), "Metafounder (=0) not defined.\nCheck your pedigree");
 }
 
+// ---- differences
+
+void check_difference(const matrix<std::int32_t>& parents, std::int32_t nupg, const matrix<double>& gamma,
+                      const std::vector<std::int32_t>& list) {
+    captured_log log;
+    const pedigree_type ped = pedigree_with_f(parents, nupg, gamma);
+    const matrix<double> found = dense(computeadiffsparse(ped, 1, list, diffpedigree(ped, list, log), log));
+    const extracted_pedigree part = extractped(ped, list, log);
+    const matrix<double> of_part = dense(computeasubsparse(part.ped, 1, part.list, {.a22 = true}, log).a22);
+    matrix<double> whole = gamma.empty() && nupg > 0
+                               ? test::dense_inverse_with_groups(parents, nupg)
+                               : test::dense_inverse(test::tabular_relationship(parents, nupg, gamma));
+    matrix<double> expected = block(whole, list, list);
+    for (std::size_t k = 0; k < expected.values().size(); ++k) expected.values()[k] -= of_part.values()[k];
+    ASSERT_LT(largest_difference(found, expected), 1e-9);
+}
+
+TEST(Computeadiffsparse, MakesTheBlockOfTheWholeInverse) {
+    for (std::uint64_t seed = 1; seed <= 80; ++seed) {
+        SCOPED_TRACE(seed);
+        test::pedigree_choice choice;
+        choice.nanimal = 2 + static_cast<std::int32_t>(seed % 60);
+        choice.nupg = static_cast<std::int32_t>(seed % 3);
+        choice.complete = choice.nupg > 0;
+        choice.selfing = seed % 4 == 0;
+        const auto list = random_list(choice.nanimal, seed);
+        const auto parents = test::random_pedigree(choice, seed);
+        check_difference(parents, choice.nupg, {}, list);
+        if (choice.nupg > 0)
+            check_difference(parents, choice.nupg, test::random_metarel(choice.nupg, seed), list);
+        if (HasFatalFailure()) return;
+    }
+}
+
+TEST(Computeadiffsparse, CountsKnownParentsWithoutCoefficients) {
+    // 4, 5 and 6 are virtual: one listed parent, two, one and one that is not listed.
+    pedigree_type ped =
+        pedigree_with_f(parents_of({{0, 0}, {0, 0}, {0, 0}, {1, 0}, {1, 2}, {1, 3}, {4, 5}}), 0);
+    ped.f.clear();
+    captured_log log;
+    const std::vector<std::int32_t> list{2, 1}, levels = diffpedigree(ped, list, log);
+    EXPECT_THAT(levels, ElementsAre(4, 5, 6));
+    EXPECT_THAT(log.text(), HasSubstr("Number of animals removed from pedigree: 2\nWall clock time (s): "));
+    const crssparse diff = computeadiffsparse(ped, 3, list, levels, log);
+    EXPECT_DOUBLE_EQ(diff.get(1, 1), 2.0 / 4.0);
+    EXPECT_DOUBLE_EQ(diff.get(1, 2), 2.0 / 4.0);
+    EXPECT_DOUBLE_EQ(diff.get(2, 2), (4.0 / 3.0 + 2.0 + 2.0) / 4.0);
+    EXPECT_THAT(log.text(),
+                HasSubstr("Computation of diff sparse relationship matrices (without metafounders)...\n"
+                          "Effect 3\nNumber of virtual levels (animals)            : 3\n"
+                          "Number of levels (animals) considered (type 2): 2\n"
+                          "Size of cov%indice / maximum ID               : 7\n"
+                          "    Memory (MB) needed for sparse sub-Ainv (A22): .00\n"));
+}
+
+TEST(Computeadiffsparse, NeedsCoefficientsAndAllMetafounders) {
+    captured_log log;
+    pedigree_type ped = pedigree_with_f(parents_of({{2, 2}, {0, 0}}), 1, matrix<double>(1, 1, 0.5));
+    ped.f.clear();
+    const std::vector<std::int32_t> list{1};
+    EXPECT_EQ(fatal_message([&] { static_cast<void>(computeadiffsparse(ped, 1, list, {}, log)); }),
+              "Pedigree inbreeding must be available with metafounders!");
+    EXPECT_THAT(log.text(),
+                HasSubstr("Computation of diff sparse relationship matrices with metafounders...\n"));
+}
+
 TEST(Extractped, TakesTheAncestorsInTheOrderOfTheirCodes) {
     // 6 and 7 are groups; 5 is no ancestor.
     pedigree_type ped =

@@ -5,6 +5,7 @@
 #include "modbasic.hpp"
 #include "modfile.hpp"
 #include "modpedigree.hpp"
+#include "modpedigree_ploidy.hpp"
 
 namespace zendar {
 
@@ -31,6 +32,21 @@ void pedigree_type::print_pedigree(const std::string& prefix, logger& log) const
                 [&](std::int32_t i) { return list_form(sire(i)) + list_form(dam(i)) + "\n"; });
     write_lines(prefix + "inbreeding.varquil", static_cast<std::int32_t>(f.size()), log,
                 [&](std::int32_t i) { return list_form(i) + list_form(f[i - 1]) + "\n"; });
+}
+
+void pedigree_ploidy_type::print_pedigree_ploidy(const std::string& prefix, logger& log) const {
+    const auto copies = [&](std::int64_t which, std::int32_t i) {
+        return " " + inttochar(tau(which, i - 1));
+    };
+    const auto chance = [&](std::int64_t which, std::int32_t i) {
+        return " " + realtochar(lambda(which, i - 1), "(f0.3)");
+    };
+    write_lines(prefix + "pedigree.varquil", nlength(), log, [&](std::int32_t i) {
+        return inttochar(sire(i)) + " " + inttochar(dam(i)) + copies(0, i) + copies(1, i) + chance(0, i) +
+               chance(1, i) + "\n";
+    });
+    write_lines(prefix + "inbreeding.varquil", static_cast<std::int32_t>(f.size()), log,
+                [&](std::int32_t i) { return inttochar(i) + " " + realtochar(f[i - 1], "(f0.3)") + "\n"; });
 }
 
 void pedigree_type::printstats_pedigree(logger& log) const {

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <limits>
@@ -8,137 +7,39 @@
 
 #include "modbasic.hpp"
 #include "modfile.hpp"
-#include "modparameters_utils_lines.hpp"
 #include "modpedigree.hpp"
 #include "modpedigree_detail.hpp"
+#include "modpedigree_lines.hpp"
 
 namespace zendar {
 
 namespace {
 
-using detail::block_file;
 using detail::record_fault;
 using detail::record_fault_kind;
 
 constexpr const char* module_tag = "modpedigree";
 
-[[noreturn]] void stop_unreadable(const std::string& file, const file_error& failure,
-                                  std::string_view procedure, logger& log) {
-    fatal_io(log, "The file " + file + " cannot be read", module_tag, procedure, failure.iostat,
-             failure.iomsg);
-}
-
-/// Why a line of a pedigree is bad. `lowest` is the smallest good value.
-std::string reason(const record_fault& fault, std::int64_t lowest) {
-    if (fault.kind != record_fault_kind::out_of_range || lowest == 1) return detail::describe(fault, 3);
-    return "value " + inttochar(fault.value) + " must lie between " + inttochar(lowest) + " and " +
-           inttochar(fault.limit) + ": \"" + std::string(fault.word.data()) + "\"";
-}
-
-struct pedigree_line {
-    std::int32_t id = 0, sire = 0, dam = 0;
-};
-
 /// Three integers: an id from 1 to n, and two parents from 0 to n. What follows them is passed over.
-const char* parse_pedigree_line(const char* p, std::int32_t n, pedigree_line& line, record_fault& fault) {
-    std::int32_t* const values[] = {&line.id, &line.sire, &line.dam};
-    for (std::int64_t k = 0; k < 3; ++k) {
-        std::int64_t value = 0;
-        p = detail::parse_integer(p, k + 1, value, fault);
-        if (fault.kind != record_fault_kind::none) return p;
-        if (value < (k == 0 ? 1 : 0) || value > n) {
-            fault.set(record_fault_kind::out_of_range, k + 1, inttochar(value));
-            fault.limit = n;
-            return p;
-        }
-        *values[k] = static_cast<std::int32_t>(value);
-    }
-    return p;
-}
+struct pedigree_line {
+    static constexpr std::int64_t columns = 3;
+    static constexpr const char* others = "parents";
+    std::int32_t id = 0, sire = 0, dam = 0;
 
-/// A pedigree file whose lines can be gone through several times.
-class pedigree_file {
-  public:
-    pedigree_file(const std::string& name, logger& log) : name_(name), log_(log), text_({}) {
-        if (const auto failure = text_.open(name)) stop_unreadable(name, *failure, "readpedigree", log);
-        if (text_.empty()) return;
-        if (const auto failure = text_.index_lines(0)) stop_unreadable(name, *failure, "readpedigree", log);
+    const char* parse(const char* p, std::int32_t n, record_fault& fault) {
+        return detail::parse_codes(p, n, id, sire, dam, fault);
     }
-    [[nodiscard]] bool empty() const { return text_.empty(); }
-    [[nodiscard]] std::int64_t lines() const { return text_.lines(); }
-
-    /// Calls use(line, number) for all lines, by several threads at once; codes may be up to n.
-    template <class Use>
-    void for_lines(std::int32_t n, Use&& use) const {
-        if (text_.empty()) return;
-        const record_fault fault = detail::read_lines(
-            text_, text_.lines(), [&](const char* p, std::int64_t number, record_fault& bad) {
-                pedigree_line line;
-                p = parse_pedigree_line(p, n, line, bad);
-                if (bad.kind == record_fault_kind::none) use(line, number);
-                return p;
-            });
-        if (fault.kind == record_fault_kind::none) return;
-        fatal_io(log_, "Pedigree not correctly read at line " + inttochar(fault.line), module_tag,
-                 "readpedigree", detail::status_of(fault),
-                 "File " + name_ + ": " + reason(fault, fault.value == 1 ? 1 : 0));
+    static std::string reason(const record_fault& fault) { return detail::pedigree_fault(fault, columns); }
+    void store(pedigree_type& to) const {
+        detail::store(to.ped(0, id - 1), sire);
+        detail::store(to.ped(1, id - 1), dam);
     }
-
-  private:
-    const std::string& name_;
-    logger& log_;
-    block_file text_;
+    [[nodiscard]] bool stands_in(const pedigree_type& other) const {
+        return other.sire(id) == sire && other.dam(id) == dam;
+    }
 };
 
-template <class T>
-void raise_to(T& target, T value) {
-    std::atomic_ref<T> shared(target);
-    T now = shared.load(std::memory_order_relaxed);
-    while (now < value && !shared.compare_exchange_weak(now, value, std::memory_order_relaxed)) {
-    }
-}
-
-template <class T>
-void store(T& target, T value) {
-    std::atomic_ref(target).store(value, std::memory_order_relaxed);
-}
-
-std::vector<std::int32_t> flagged(std::span<const std::uint8_t> flag) {
-    std::vector<std::int32_t> codes;
-    for (std::size_t k = 0; k < flag.size(); ++k)
-        if (flag[k] != 0) codes.push_back(static_cast<std::int32_t>(k + 1));
-    return codes;
-}
-
-/// Levels that stand on several lines, which threads read in any order, get the parents of their last line.
-void keep_last_lines(const pedigree_file& input, const std::string& file, matrix<std::int32_t>& ped,
-                     std::int32_t nani, logger& log) {
-    const auto n = static_cast<std::int32_t>(ped.cols());
-    std::vector<std::int64_t> last(static_cast<std::size_t>(n), 0);
-    input.for_lines(
-        n, [&](const pedigree_line& line, std::int64_t number) { raise_to(last[line.id - 1], number); });
-    input.for_lines(n, [&](const pedigree_line& line, std::int64_t number) {
-        if (line.id > nani || last[line.id - 1] != number) return;
-        store(ped(0, line.id - 1), line.sire);
-        store(ped(1, line.id - 1), line.dam);
-    });
-    std::vector<std::uint8_t> other(static_cast<std::size_t>(n), 0);
-    input.for_lines(n, [&](const pedigree_line& line, std::int64_t) {
-        if (line.id <= nani && (ped(0, line.id - 1) != line.sire || ped(1, line.id - 1) != line.dam))
-            store(other[line.id - 1], std::uint8_t{1});
-    });
-    const std::vector<std::int32_t> animals = flagged(other);
-    if (!animals.empty())
-        log.warning("Animals given again with other parents in the pedigree file " + file + ": " +
-                        inttochar(std::ssize(animals)) + ", of which the last line is taken (" +
-                        detail::first_few(animals) + ")",
-                    module_tag, "readpedigree");
-}
-
-/// A line has three codes at most, and few codes are skipped; a stray one must not claim all memory.
-std::int64_t largest_code_of(std::int64_t lines) {
-    return 1'000'000 + 100 * lines;
-}
+using plain_file = detail::pedigree_file<pedigree_line>;
 
 void take_defaults(pedigree_type& ped) {
     ped = pedigree_type();
@@ -180,6 +81,57 @@ struct relationship_line {
 }  // namespace
 
 namespace detail {
+
+void stop_unreadable(const std::string& file, const file_error& failure, std::string_view procedure,
+                     logger& log) {
+    fatal_io(log, "The file " + file + " cannot be read", module_tag, procedure, failure.iostat,
+             failure.iomsg);
+}
+
+std::string pedigree_fault(const record_fault& fault, std::int64_t columns) {
+    if (fault.kind != record_fault_kind::out_of_range || fault.value == 1) return describe(fault, columns);
+    return "value " + inttochar(fault.value) + " must lie between 0 and " + inttochar(fault.limit) + ": \"" +
+           std::string(fault.word.data()) + "\"";
+}
+
+const char* parse_bounded(const char* p, std::int64_t which, std::int32_t lowest, std::int32_t highest,
+                          std::int32_t& code, record_fault& fault) {
+    std::int64_t value = 0;
+    p = parse_integer(p, which, value, fault);
+    if (fault.kind != record_fault_kind::none) return p;
+    if (value < lowest || value > highest) {
+        fault.set(record_fault_kind::out_of_range, which, inttochar(value));
+        fault.limit = highest;
+        return p;
+    }
+    code = static_cast<std::int32_t>(value);
+    return p;
+}
+
+const char* parse_codes(const char* p, std::int32_t n, std::int32_t& id, std::int32_t& sire,
+                        std::int32_t& dam, record_fault& fault) {
+    p = parse_bounded(p, 1, 1, n, id, fault);
+    if (fault.kind == record_fault_kind::none) p = parse_bounded(p, 2, 0, n, sire, fault);
+    if (fault.kind == record_fault_kind::none) p = parse_bounded(p, 3, 0, n, dam, fault);
+    return p;
+}
+
+void check_largest_code(std::int32_t largest, std::int64_t lines, const std::string& file,
+                        std::string_view procedure, logger& log) {
+    // A line has three codes at most, and few codes are skipped; a stray one must not claim all memory.
+    if (largest > 1'000'000 + 100 * lines)
+        fatal(log,
+              "The pedigree file " + file + " has codes up to " + inttochar(largest) + " on only " +
+                  inttochar(lines) + " lines: codes must be consecutive numbers",
+              module_tag, procedure);
+}
+
+std::vector<std::int32_t> flagged(std::span<const std::uint8_t> flag) {
+    std::vector<std::int32_t> codes;
+    for (std::size_t k = 0; k < flag.size(); ++k)
+        if (flag[k] != 0) codes.push_back(static_cast<std::int32_t>(k + 1));
+    return codes;
+}
 
 std::string first_few(std::span<const std::int32_t> all, std::size_t most) {
     std::string text;
@@ -226,19 +178,15 @@ void pedigree_type::readpedigree_nomax(const std::string& file, logger& log) {
     filename = std::string(trim(file));
     std::int32_t maxall = 0, maxani = 0;
     {
-        const pedigree_file input(*filename, log);
+        const plain_file input(*filename, log);
         if (input.empty())
             fatal(log, "The pedigree file " + *filename + " is empty", module_tag, "readpedigree_nomax");
         input.for_lines(std::numeric_limits<std::int32_t>::max(),
                         [&](const pedigree_line& line, std::int64_t) {
-                            raise_to(maxani, line.id);
-                            raise_to(maxall, std::max({line.id, line.sire, line.dam}));
+                            detail::raise_to(maxani, line.id);
+                            detail::raise_to(maxall, std::max({line.id, line.sire, line.dam}));
                         });
-        if (maxall > largest_code_of(input.lines()))
-            fatal(log,
-                  "The pedigree file " + *filename + " has codes up to " + inttochar(maxall) + " on only " +
-                      inttochar(input.lines()) + " lines: codes must be consecutive numbers",
-                  module_tag, "readpedigree_nomax");
+        detail::check_largest_code(maxall, input.lines(), *filename, "readpedigree_nomax", log);
     }
     nupg = maxall - maxani;
     ped = matrix<std::int32_t>(2, maxall);
@@ -247,32 +195,9 @@ void pedigree_type::readpedigree_nomax(const std::string& file, logger& log) {
 
 void pedigree_type::read_lines(const std::string& file, logger& log) {
     const std::string name(trim(file));
-    const std::int32_t n = nlength(), nani = n - std::clamp(nupg, 0, n);
-    const pedigree_file input(name, log);
-    if (input.empty())
-        log.warning("The pedigree file " + name + " is empty: all parents are unknown", module_tag,
-                    "readpedigree");
+    const plain_file input(name, log);
     std::ranges::fill(ped.values(), 0);
-    std::vector<std::uint8_t> seen(static_cast<std::size_t>(n), 0);
-    std::atomic<std::int64_t> repeated = 0, of_groups = 0;
-    input.for_lines(n, [&](const pedigree_line& line, std::int64_t) {
-        const bool again = std::atomic_ref(seen[line.id - 1]).exchange(1, std::memory_order_relaxed) != 0;
-        if (line.id > nani) {
-            ++of_groups;
-            return;
-        }
-        if (again) ++repeated;
-        store(ped(0, line.id - 1), line.sire);
-        store(ped(1, line.id - 1), line.dam);
-    });
-    if (of_groups > 0) {
-        std::vector<std::int32_t> groups = flagged(std::span(seen).subspan(static_cast<std::size_t>(nani)));
-        for (std::int32_t& group : groups) group += nani;
-        log.warning("Lines of genetic groups in the pedigree file " + name + ", which are passed over: " +
-                        inttochar(of_groups) + " (" + detail::first_few(groups) + ")",
-                    module_tag, "readpedigree");
-    }
-    if (repeated > 0) keep_last_lines(input, name, ped, nani, log);
+    input.fill(*this, log);
 }
 
 void pedigree_type::readmetarel(const std::string& file, std::int32_t effect, logger& log) {
@@ -283,7 +208,7 @@ void pedigree_type::readmetarel(const std::string& file, std::int32_t effect, lo
                 "\nNumber of real individuals: " + inttochar(nlength() - nupg) +
                 "\nName of the file          : " + name);
     text_reader input;
-    if (const auto failure = input.open(name)) stop_unreadable(name, *failure, procedure, log);
+    if (const auto failure = input.open(name)) detail::stop_unreadable(name, *failure, procedure, log);
     metarel = matrix<double>(nupg, nupg);
     matrix<std::uint8_t> seen(nupg, nupg);
     std::int64_t replaced = 0, first_replaced = 0;
@@ -304,7 +229,7 @@ void pedigree_type::readmetarel(const std::string& file, std::int32_t effect, lo
         seen(i, j) = seen(j, i) = 1;
         metarel(i, j) = metarel(j, i) = line.value;
     }
-    if (const auto failure = input.error()) stop_unreadable(name, *failure, procedure, log);
+    if (const auto failure = input.error()) detail::stop_unreadable(name, *failure, procedure, log);
     if (replaced > 0)
         log.warning("Elements given again with other values in the file " + name + ": " +
                         inttochar(replaced) + " (the first one at line " + inttochar(first_replaced) +
@@ -346,8 +271,10 @@ void pedigree_type::readinbreeding(const std::string& file, logger& log) {
         f[pair.id - 1] = pair.value;
         ++count;
     }
-    if (const auto failure = input.error()) stop_unreadable(name, *failure, procedure, log);
+    if (const auto failure = input.error()) detail::stop_unreadable(name, *failure, procedure, log);
     log.message("Number of inbreeding coefficients read from " + name + ": " + inttochar(count));
+    warn_of_odd_coefficients(name, log);
+    check_loops(log);
 }
 
 }  // namespace zendar

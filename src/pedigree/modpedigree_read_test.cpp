@@ -277,6 +277,24 @@ TEST_F(Readinbreeding, EndsAtTheFirstRecordThatFails) {
     }
 }
 
+TEST_F(Readinbreeding, WarnsOfValuesThatCannotBe) {
+    pedigree_type ped = of_size(4);
+    write("1 1\n2 -1.5\n3 -1\n4 1.01\n");
+    ped.readinbreeding(file(), log_);
+    EXPECT_THAT(ped.f, ElementsAre(1, -1.5, -1, 1.01));
+    EXPECT_THAT(log_.text(), HasSubstr("WARN: Inbreeding coefficients below -1 or above 1 in the file " +
+                                       file() + ": 2 (2, 4)\n"));
+}
+
+TEST_F(Readinbreeding, StopsAtALoopOfThePedigree) {
+    pedigree_type ped = of_size(3);
+    ped.ped(0, 0) = 3;
+    ped.ped(1, 2) = 1;
+    write("1 0\n");
+    EXPECT_THAT(fatal_message([&] { ped.readinbreeding(file(), log_); }),
+                HasSubstr("is its own ancestor: 3, 1"));
+}
+
 TEST_F(Readinbreeding, StopsAtAnotherIdAndAtValuesThatAreNotFinite) {
     pedigree_type ped = of_size(3);
     for (const char* id : {"0", "4", "-1", "5000000000"}) {

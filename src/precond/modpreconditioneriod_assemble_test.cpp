@@ -434,7 +434,7 @@ TEST(AddleastsquarepartToPreconditioner, RefusesUnknownCodes) {
 // ---- random part
 
 TEST(AddrandompartToPreconditioner, RefusesTypesWithoutARow) {
-    for (const std::int32_t type : {20, 22, 23, 30, 203}) {
+    for (const std::int32_t type : {20, 22, 23, 30}) {
         model_case model(1, {{.nlevel = 3}, {.nlevel = 3, .random = 1}});
         model.param.type_random[1] = model.param.type_random_eff[1] = type;
         captured_log log;

@@ -18,7 +18,7 @@ constexpr std::string_view text_ani_rupg_inb =
     "Addition of the random contributions for the animal (with random unknown parents groups + inbreeding) "
     "effect ";
 
-constexpr std::array<random_addition, 10> additions{
+constexpr std::array<random_addition, 11> additions{
     {{0, "", nullptr},
      {1, "Addition of the random contributions for the diagonal effect ",
       addrandompart_eff_dia_to_preconditioner},
@@ -31,7 +31,9 @@ constexpr std::array<random_addition, 10> additions{
      {10, "", addrandompart_externalmat_to_preconditioner},
      {trandom_ani_a22i, text_ani_inb, addrandompart_eff_ani_inb_to_preconditioner},
      {trandom_ani_upg_a22i, text_ani_upg_inb, addrandompart_eff_ani_upg_inb_to_preconditioner},
-     {trandom_ani_rupg_a22i, text_ani_rupg_inb, addrandompart_eff_ani_rupg_inb_to_preconditioner}}};
+     {trandom_ani_rupg_a22i, text_ani_rupg_inb, addrandompart_eff_ani_rupg_inb_to_preconditioner},
+     {trandom_ani_ploidy, "Addition of the random contributions for the animal (with ploidy) effect ",
+      addrandompart_externalmat_to_preconditioner}}};
 
 /// The identity between levels.
 template <class Sink>

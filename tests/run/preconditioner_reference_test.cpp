@@ -92,7 +92,9 @@ TEST(PreconditionerReference, HoldsTheElementsOfRandomAnimalModels) {
         choice.pedigrees = true;
         const random_model model(choice, seed);
         std::string options;
-        if (const char letter = "dbsf"[random() % 4]; letter == 's' || letter == 'f')
+        const bool polyploid =
+            std::ranges::count(model.effects, 203, &random_effect::type_random) > 0;  // takes no letters
+        if (const char letter = "dbsf"[random() % (polyploid ? 2 : 4)]; letter == 's' || letter == 'f')
             options =
                 std::string("!structprecond ") + letter + " 1 " + std::to_string(model.effects.size()) + "\n";
         else
@@ -125,6 +127,7 @@ TEST(PreconditionerReference, HoldsTheElementsOfRandomAnimalModels) {
         if (HasFailure()) break;
     }
     EXPECT_GT(compared, 100'000);
+    EXPECT_GT((seen[{203, 2}]), 10);
     for (const std::int32_t type : {3, 5, 7, 9, 103, 105, 109})
         for (const std::int32_t code : {1, 2, -5}) EXPECT_GT((seen[{type, code}]), 0) << type << " " << code;
 }

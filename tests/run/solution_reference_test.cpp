@@ -27,9 +27,10 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
     const char* const kernels[] = {"", "!notoptimem\n", "!optimem 0\n", "!optimem 1\n", "!optimem 5\n"};
     choice.options += kernels[pick(0, 4)];
 
-    // Groups may not cut a correlated group in two, nor share equations with another effect.
+    // Groups may not cut a correlated group in two, nor share equations with another effect. Polyploid
+    // effects take no letters.
     const auto is_free = [&](int e) {
-        return model.effects[e - 1].owner == e &&
+        return model.effects[e - 1].owner == e && model.effects[e - 1].type_random != 203 &&
                std::ranges::none_of(model.effects, [&](const random_effect& effect) {
                    return effect.owner == e && &effect != &model.effects[e - 1];
                });

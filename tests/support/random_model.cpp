@@ -8,10 +8,20 @@
 #include <stdexcept>
 
 #include "modblas.hpp"
+#include "ploidy_relationship.hpp"
 
 namespace zendar::test {
 
 namespace {
+
+std::string number(double value);
+
+/// What a line of a polyploid pedigree has behind the parents.
+std::string copies_of(const random_effect& effect, std::int64_t i) {
+    if (effect.copies.empty()) return "";
+    return " " + std::to_string(effect.copies(0, i)) + " " + std::to_string(effect.copies(1, i)) + " " +
+           number(effect.lambda(0, i)) + " " + number(effect.lambda(1, i));
+}
 
 std::string number(double value) {
     char text[40];
@@ -62,7 +72,7 @@ void random_model::make_effects(const model_choice& choice) {
         const std::int32_t nmember = opener && choice.correlated && e < choice.neffect && chance(0.4) ? 2 : 1;
         const bool animal = opener && choice.pedigrees && chance(0.8);
         const bool external = !animal && opener && choice.external && chance(0.4);
-        const std::int32_t type_animal = animal ? std::array{3, 5, 7, 9, 103, 105, 109}[pick(0, 6)] : 0;
+        const std::int32_t type_animal = animal ? std::array{3, 5, 7, 9, 103, 105, 109, 203}[pick(0, 7)] : 0;
         const std::int32_t nupg = type_animal % 100 > 3 ? pick(1, 3) : 0;
         const std::int32_t nlevel = animal ? pick(1, 20) + nupg : pick(1, 9);
         std::int32_t order = 0;
@@ -131,6 +141,7 @@ void random_model::make_effects(const model_choice& choice) {
 }
 
 void random_model::make_pedigree(random_effect& effect, std::int32_t type, std::int32_t nupg) {
+    if (type == 203) return make_ploidy_pedigree(effect);
     pedigree_choice choice;
     choice.nupg = effect.nupg = nupg;
     choice.nanimal = effect.nslot_level() - nupg;
@@ -149,6 +160,32 @@ void random_model::make_pedigree(random_effect& effect, std::int32_t type, std::
     if (type == 9)
         for (std::int32_t g = choice.nanimal; g < effect.nslot_level(); ++g) effect.ainv(g, g) += weightupg;
     if (a22i) add_part_of_a22i(effect, choice.nanimal);
+}
+
+void random_model::make_ploidy_pedigree(random_effect& effect) {
+    ploidy_choice choice;
+    choice.nanimal = effect.nslot_level();
+    choice.invertible = true;
+    pedigree_ploidy_type ped = random_ploidy_pedigree(choice, random_());
+    // The regular gametes of a founder are all alike.
+    for (std::int32_t i = 1; i <= choice.nanimal; ++i)
+        for (std::int64_t k = 0; k < 2; ++k) {
+            const std::int32_t parent = ped.giver(k, i);
+            if (parent == 0 || ped.giver(0, parent) > 0 || ped.giver(1, parent) > 0) continue;
+            if (2 * ped.tau(k, i - 1) == ped.ploidy(parent))
+                ped.lambda(k, i - 1) = ped.ploidy(parent) > 2 ? 0.05 * (parent % 10) : 0.0;
+        }
+    for (std::int32_t i = 1; i <= choice.nanimal; ++i)
+        for (std::int64_t k = 0; k < 2; ++k)
+            if (ped.giver(0, i) == 0 && ped.giver(1, i) == 0 && 2 * ped.tau(k, i - 1) == ped.ploidy(i))
+                ped.lambda(k, i - 1) = ped.ploidy(i) > 2 ? 0.05 * (i % 10) : 0.0;
+    effect.type_random = 203;
+    effect.parents = ped.ped;
+    effect.copies = ped.tau;
+    effect.lambda = ped.lambda;
+    matrix<double> twice = tabular_coancestries(ped).k;
+    for (double& value : twice.values()) value *= 2.0;
+    effect.ainv = dense_inverse(twice);
 }
 
 void random_model::add_part_of_a22i(random_effect& effect, std::int32_t nanimal) {
@@ -234,7 +271,8 @@ std::vector<std::pair<std::int64_t, double>> random_model::row_of(std::int32_t t
 
 bool random_model::needs_asparse() const {
     return std::ranges::any_of(effects, [](const random_effect& effect) {
-        return effect.type_random == 7 || effect.type_random == 10 || !effect.list.empty();
+        return effect.type_random == 7 || effect.type_random == 10 || effect.type_random == 203 ||
+               !effect.list.empty();
     });
 }
 
@@ -389,7 +427,7 @@ void random_model::write(const temporary_directory& directory, const std::string
             text.clear();
             for (std::int64_t i = 0; i < effect.parents.cols() - effect.nupg; ++i)
                 text += std::to_string(i + 1) + " " + std::to_string(effect.parents(0, i)) + " " +
-                        std::to_string(effect.parents(1, i)) + "\n";
+                        std::to_string(effect.parents(1, i)) + copies_of(effect, i) + "\n";
             directory.write("ped_" + id + ".txt", text);
             text.clear();
             for (std::int64_t i = 0; i < effect.gamma.rows(); ++i)

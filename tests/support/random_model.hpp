@@ -48,6 +48,8 @@ struct random_effect {
     matrix<double> ainv;           ///< inverse relationships of the levels
     matrix<std::int32_t> parents;  ///< 2 x levels, of an animal effect
     std::int32_t nupg = 0;
+    matrix<std::int32_t> copies;     ///< 2 x levels, of polyploids
+    matrix<double> lambda;           ///< likewise
     matrix<double> gamma;            ///< relationships of metafounders
     std::vector<std::int32_t> list;  ///< animals with a part of A22^-1, types 103 to 109
     matrix<double> a22i;             ///< levels x levels: this part with its weight
@@ -98,6 +100,7 @@ class random_model {
   private:
     void make_effects(const model_choice& choice);
     void make_pedigree(random_effect& effect, std::int32_t type, std::int32_t nupg);
+    void make_ploidy_pedigree(random_effect& effect);
     void add_part_of_a22i(random_effect& effect, std::int32_t nanimal);
     void make_records(const model_choice& choice);
     void number_equations();

@@ -86,33 +86,44 @@ matrix<double> dense_inverse(const matrix<double>& a) {
     return inverse;
 }
 
+matrix<double> group_shares(const matrix<std::int32_t>& ped, std::int32_t nupg) {
+    const auto n = static_cast<std::int32_t>(ped.cols()), nanimal = n - nupg;
+    matrix<double> q(n, nupg);
+    for (std::int32_t g = 0; g < nupg; ++g) q(nanimal + g, g) = 1.0;
+    // They settle after as many rounds as there are generations.
+    for (bool changed = true; changed;) {
+        changed = false;
+        for (std::int32_t i = 0; i < nanimal; ++i)
+            for (std::int32_t g = 0; g < nupg; ++g) {
+                double share = 0.0;
+                for (std::int32_t k = 0; k < 2; ++k)
+                    if (ped(k, i) > 0) share += 0.5 * q(ped(k, i) - 1, g);
+                changed = changed || share != q(i, g);
+                q(i, g) = share;
+            }
+    }
+    return q;
+}
+
 matrix<double> dense_inverse_with_groups(const matrix<std::int32_t>& parents, std::int32_t nupg) {
     const auto n = static_cast<std::int32_t>(parents.cols()), nanimal = n - nupg;
     const matrix<double> a = tabular_relationship(parents, nupg);
     matrix<double> animals(nanimal, nanimal);
     for (std::int32_t j = 0; j < nanimal; ++j)
         for (std::int32_t i = 0; i < nanimal; ++i) animals(i, j) = a(i, j);
-    const matrix<double> inverse = dense_inverse(animals);
+    const matrix<double> inverse = dense_inverse(animals), q = group_shares(parents, nupg);
 
-    // Shares settle after as many rounds as there are generations.
-    matrix<double> q(n, nupg);
-    for (std::int32_t g = 0; g < nupg; ++g) q(nanimal + g, g) = 1.0;
-    for (std::int32_t round = 0; round < nanimal; ++round)
-        for (std::int32_t i = 0; i < nanimal; ++i)
-            for (std::int32_t g = 0; g < nupg; ++g) {
-                q(i, g) = 0.0;
-                for (std::int32_t k = 0; k < 2; ++k)
-                    if (parents(k, i) > 0) q(i, g) += 0.5 * q(parents(k, i) - 1, g);
-            }
-    matrix<double> t(nanimal, n), product(n, n);
+    matrix<double> t(nanimal, n), left(n, nanimal), product(n, n);
     for (std::int32_t i = 0; i < nanimal; ++i) {
         t(i, i) = 1.0;
         for (std::int32_t g = 0; g < nupg; ++g) t(i, nanimal + g) = -q(i, g);
     }
     for (std::int32_t r = 0; r < n; ++r)
-        for (std::int32_t c = 0; c < n; ++c)
-            for (std::int32_t i = 0; i < nanimal; ++i)
-                for (std::int32_t j = 0; j < nanimal; ++j) product(r, c) += t(i, r) * inverse(i, j) * t(j, c);
+        for (std::int32_t j = 0; j < nanimal; ++j)
+            for (std::int32_t i = 0; i < nanimal; ++i) left(r, j) += t(i, r) * inverse(i, j);
+    for (std::int32_t c = 0; c < n; ++c)
+        for (std::int32_t j = 0; j < nanimal; ++j)
+            for (std::int32_t r = 0; r < n; ++r) product(r, c) += left(r, j) * t(j, c);
     return product;
 }
 

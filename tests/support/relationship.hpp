@@ -32,6 +32,9 @@ matrix<double> tabular_relationship(const matrix<std::int32_t>& ped, std::int32_
 /// Inverse of a dense matrix that is positive definite, by LAPACK.
 matrix<double> dense_inverse(const matrix<double>& a);
 
+/// Shares of the groups in all levels, level by group; an unknown parent leaves its half empty.
+matrix<double> group_shares(const matrix<std::int32_t>& ped, std::int32_t nupg);
+
 /// [I -Q]' A^-1 [I -Q] for animals and groups (Quaas, 1988); Q has the shares of the groups in the animals.
 matrix<double> dense_inverse_with_groups(const matrix<std::int32_t>& ped, std::int32_t nupg);
 

@@ -1,0 +1,223 @@
+#include <algorithm>
+#include <array>
+
+#include "modmmeiod_detail.hpp"
+
+// r += (A^-1 kron G^-1) x with the upper triangle of A^-1, in one pass over it and without copies of the
+// vectors. An element (i, c) reads the block of x at c, whose sum over the row is multiplied by G^-1 once,
+// and adds the block of G^-1 x at i to r at c. Rows add to the right only, so that a thread may add to the
+// equations of its own rows: no other thread touches them before all rows are through. What falls beyond them
+// goes to sums of its own, the spill, which reaches no further than its last column; the spills are added in
+// the order of the threads.
+
+namespace zendar::modmmeiod {
+
+namespace {
+
+/// Blocks of a group in a vector with one element per equation. N entries a block (0: any number); contiguous
+/// blocks lie behind each other.
+template <int N, bool Contiguous>
+class block_vector {
+  public:
+    block_vector(const effect_group& group, double* data)
+        : data_(data),
+          order_(N > 0 ? N : group.order()),
+          equation_(group.equation.data()),
+          stride_(group.stride.data()) {}
+
+    /// The block of a level (from 0), as it lies or collected in `space`.
+    const double* block(std::int64_t level, double* space) const {
+        if constexpr (Contiguous) {
+            return data_ + equation_[0] + level * order_;
+        } else {
+            for (std::int64_t i = 0; i < order_; ++i) space[i] = data_[equation_[i] + level * stride_[i]];
+            return space;
+        }
+    }
+    void add(std::int64_t level, double factor, const double* values) const {
+        if constexpr (Contiguous) {
+            double* const to = data_ + equation_[0] + level * order_;
+            for (std::int64_t i = 0; i < order_; ++i) to[i] += factor * values[i];
+        } else {
+            for (std::int64_t i = 0; i < order_; ++i)
+                data_[equation_[i] + level * stride_[i]] += factor * values[i];
+        }
+    }
+    void prefetch(std::int64_t level, int write) const {
+        const double* const at = data_ + equation_[0] + level * (Contiguous ? order_ : stride_[0]);
+        if (write != 0)
+            __builtin_prefetch(at, 1);
+        else
+            __builtin_prefetch(at, 0);
+    }
+
+  private:
+    double* data_;
+    std::int64_t order_;
+    const std::int64_t* equation_;
+    const std::int64_t* stride_;
+};
+
+/// Sums of one thread for the levels [first, end); `end` grows as they are reached.
+struct spill {
+    double* sums = nullptr;  ///< of level `first`
+    std::int64_t first = 0, end = 0;
+
+    double* at(std::int64_t level, std::int64_t order, std::int64_t nlevel) {
+        constexpr std::int64_t step = 512;
+        if (level >= end) [[unlikely]] {
+            const std::int64_t to = std::min(level + step, nlevel);
+            std::fill(sums + (end - first) * order, sums + (to - first) * order, 0.0);
+            end = to;
+        }
+        return sums + (level - first) * order;
+    }
+};
+
+/// y = G^-1 v; the matrix is symmetric.
+template <int N>
+void times_ginv(const double* ginv, const double* v, double* y, std::int64_t order) {
+    const std::int64_t n = N > 0 ? N : order;
+    for (std::int64_t i = 0; i < n; ++i) y[i] = 0.0;
+    for (std::int64_t j = 0; j < n; ++j)
+        for (std::int64_t i = 0; i < n; ++i) y[i] += ginv[j * n + i] * v[j];
+}
+
+template <int N, bool Contiguous>
+void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64_t from, std::int64_t to,
+          const double* x_data, double* r_data, spill& beyond) {
+    constexpr std::int64_t ahead = 24;  // elements whose blocks are asked for before they are needed
+    const std::int64_t order = N > 0 ? N : group.order(), nlevel = group.nlevel;
+    const double* const ginv = group.ginv.data();
+    const std::int32_t* const ja = m.ja.data();
+    const double* const a = m.a.data();
+    // x is only read.
+    const block_vector<N, Contiguous> x(group, const_cast<double*>(x_data)), r(group, r_data);
+    std::array<double, (N > 0 ? 4 * N : 1)> small;
+    std::vector<double> large(N == 0 ? static_cast<std::size_t>(4 * order) : 0);
+    double* const sum = N > 0 ? small.data() : large.data();
+    double* const scattered = sum + order;
+    double* const own_space = scattered + order;
+    double* const space = own_space + order;
+    const std::int64_t last = m.ia[to] - 1;
+    for (std::int64_t i = from; i < to; ++i) {
+        const double* const xi = x.block(i, own_space);
+        times_ginv<N>(ginv, xi, scattered, order);
+        for (std::int64_t e = 0; e < order; ++e) sum[e] = 0.0;
+        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+            const std::int64_t c = std::int64_t{ja[k]} - 1;
+            if (const std::int64_t next = k + ahead; next < last) {
+                x.prefetch(ja[next] - 1, 0);
+                r.prefetch(ja[next] - 1, 1);
+            }
+            const double* const xc = c == i ? xi : x.block(c, space);
+            for (std::int64_t e = 0; e < order; ++e) sum[e] += a[k] * xc[e];
+            if (c == i) continue;
+            if (c < to) {
+                r.add(c, a[k], scattered);
+            } else {
+                double* const add = beyond.at(c, order, nlevel);
+                for (std::int64_t e = 0; e < order; ++e) add[e] += a[k] * scattered[e];
+            }
+        }
+        times_ginv<N>(ginv, sum, scattered, order);
+        r.add(i, 1.0, scattered);
+    }
+}
+
+template <int N, bool Contiguous>
+void multiply(const effect_group& group, const crs_view<std::int32_t>& m, const sparse_parts& parts,
+              std::span<double> memory, const double* x, double* r) {
+    const std::int64_t order = N > 0 ? N : group.order(), nlevel = group.nlevel;
+    const auto npart = static_cast<std::int64_t>(parts.bounds.size()) - 1;
+    std::vector<spill> spills;
+    double* next = memory.data();
+    for (std::int64_t p = 0; p < npart; ++p) {
+        spills.push_back({next, parts.bounds[p + 1], parts.bounds[p + 1]});
+        next += (nlevel - parts.bounds[p + 1]) * order;
+    }
+#pragma omp parallel num_threads(static_cast<int>(npart)) default(none) \
+    shared(group, m, parts, x, r, order, npart, spills)
+    {
+#pragma omp for schedule(static, 1)
+        for (std::int64_t p = 0; p < npart; ++p)
+            rows<N, Contiguous>(group, m, parts.bounds[p], parts.bounds[p + 1], x, r, spills[p]);
+#pragma omp for schedule(static, 1)
+        for (std::int64_t p = 1; p < npart; ++p) {
+            const block_vector<N, Contiguous> to(group, r);
+            for (std::int64_t q = 0; q < p; ++q) {
+                const spill& s = spills[q];
+                const std::int64_t end = std::min(parts.bounds[p + 1], s.end);
+                for (std::int64_t i = std::max(parts.bounds[p], s.first); i < end; ++i)
+                    to.add(i, 1.0, s.sums + (i - s.first) * order);
+            }
+        }
+    }
+}
+
+/// Whether the blocks of all levels lie behind each other.
+bool is_contiguous(const effect_group& group) {
+    for (std::int64_t i = 0; i < group.order(); ++i) {
+        const auto at = static_cast<std::size_t>(i);
+        if (group.equation[at] != group.equation[0] + i || group.stride[at] != group.order()) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+sparse_parts make_sparse_parts(const crssparse& asparse, std::int64_t nthread) {
+    const crs_view<std::int32_t> m = asparse.view();
+    const std::int64_t n = asparse.getdim(1);
+    const auto work_before = [&](std::int64_t row) { return std::int64_t{m.ia[row]} - 1 + row; };
+    sparse_parts parts;
+    parts.bounds.assign(1, 0);
+    for (std::int64_t p = 1; p < nthread; ++p) {
+        const std::int64_t share = work_before(n) * p / nthread;
+        std::int64_t low = parts.bounds.back(), high = n;
+        while (low < high) {
+            const std::int64_t middle = (low + high) / 2;
+            if (work_before(middle) < share)
+                low = middle + 1;
+            else
+                high = middle;
+        }
+        parts.bounds.push_back(low);
+    }
+    parts.bounds.push_back(n);
+    return parts;
+}
+
+std::int64_t sparse_parts::spill_size(std::int64_t order) const {
+    std::int64_t size = 0;
+    for (std::size_t p = 1; p < bounds.size(); ++p) size += (bounds.back() - bounds[p]) * order;
+    return size;
+}
+
+void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
+                                const sparse_parts& parts, std::span<double> memory,
+                                std::span<const double> x, std::span<double> r) {
+    const crs_view<std::int32_t> m = asparse.view();
+    const auto choose = [&]<bool Contiguous>() {
+        switch (group.order()) {
+            case 1:
+                return multiply<1, Contiguous>(group, m, parts, memory, x.data(), r.data());
+            case 2:
+                return multiply<2, Contiguous>(group, m, parts, memory, x.data(), r.data());
+            case 3:
+                return multiply<3, Contiguous>(group, m, parts, memory, x.data(), r.data());
+            case 4:
+                return multiply<4, Contiguous>(group, m, parts, memory, x.data(), r.data());
+            case 6:
+                return multiply<6, Contiguous>(group, m, parts, memory, x.data(), r.data());
+            default:
+                return multiply<0, Contiguous>(group, m, parts, memory, x.data(), r.data());
+        }
+    };
+    if (is_contiguous(group))
+        choose.template operator()<true>();
+    else
+        choose.template operator()<false>();
+}
+
+}  // namespace zendar::modmmeiod
