@@ -1,5 +1,7 @@
 #include "modsparse.hpp"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <array>
 
@@ -64,6 +66,14 @@ struct row_builder {
         a[k] = value;
     }
 
+    /// Rows before the part's share, if the elements are shared evenly.
+    [[nodiscard]] std::int32_t row_at(int part, int parts) const {
+        const std::span<const Index> ia = result.view().ia;
+        const auto wanted = static_cast<Index>(1 + std::ssize(a) * part / parts);
+        if (part == parts) return result.getdim(1);
+        return static_cast<std::int32_t>(std::ranges::lower_bound(ia, wanted) - ia.begin());
+    }
+
     crs_matrix<Index> finish() {
         result.sort();
         return std::move(result);
@@ -121,20 +131,35 @@ namespace detail {
 
 namespace {
 
-/// The occupied slots, in pieces that fit the first-level cache together with what they lead to. Which slots
-/// are free is as good as random: they are left out without a branch.
+/// A range of rows, from 1, both ends included.
+struct row_range {
+    std::int32_t first, last;
+};
+
+/// The occupied slots of some rows, in pieces that fit the first-level cache together with what they lead to.
+/// Which slots these are is as good as random: the others are left out without a branch.
 template <class Work>
-void by_pieces(std::span<const coo_slot> slots, const Work& work) {
+void by_pieces(std::span<const coo_slot> slots, row_range rows, const Work& work) {
     constexpr std::size_t piece = 128;
     std::array<coo_slot, piece> held;
-    for (std::size_t begin = 0; begin < slots.size(); begin += piece) {
-        std::size_t n = 0;
-        for (const coo_slot& slot : slots.subspan(begin, std::min(piece, slots.size() - begin))) {
-            held[n] = slot;
-            n += static_cast<std::size_t>((slot.row != 0) & (slot.col != 0));
+    std::size_t n = 0;
+    for (const coo_slot& slot : slots) {
+        held[n] = slot;
+        n += static_cast<std::size_t>((slot.row >= rows.first) & (slot.row <= rows.last) & (slot.col != 0));
+        if (n == piece) {
+            work(std::span<const coo_slot>(held));
+            n = 0;
         }
-        work(std::span<const coo_slot>(held.data(), n));
     }
+    work(std::span<const coo_slot>(held.data(), n));
+}
+
+/// Threads that each read all slots, for rows of their own.
+int number_of_readers(const coosparse& coo) {
+    constexpr std::int64_t worth_it = 1 << 16;
+    constexpr int most = 8;
+    if (coo.nel() < worth_it || omp_in_parallel() != 0) return 1;
+    return std::clamp(coo.getdim(1), 1, std::min(omp_get_max_threads(), most));
 }
 
 }  // namespace
@@ -142,22 +167,37 @@ void by_pieces(std::span<const coo_slot> slots, const Work& work) {
 template <std::signed_integral Index>
 crs_matrix<Index> coo_to_crs(const coosparse& coo, std::int64_t limit) {
     const reserved_column reserved{coo.getdim(2), coo.issquare()};
-    page_array<Index> count(coo.getdim(1));
-    by_pieces(coo.slots(), [&, rows = count.data()](std::span<const coo_slot> piece) {
-        for (const coo_slot& slot : piece) __builtin_prefetch(rows + slot.row - 1, 1);
-        for (const coo_slot& slot : piece) rows[slot.row - 1] += slot.col != reserved(slot.row) ? 1 : 0;
-    });
+    const int readers = number_of_readers(coo);
+    const std::int64_t dim1 = coo.getdim(1);
+    page_array<Index> count(dim1);
+    Index* const counts = count.data();
+#pragma omp parallel for schedule(static, 1) num_threads(readers) default(none) \
+    shared(coo, reserved, readers, dim1, counts)
+    for (int r = 0; r < readers; ++r) {
+        const row_range rows{static_cast<std::int32_t>(dim1 * r / readers) + 1,
+                             static_cast<std::int32_t>(dim1 * (r + 1) / readers)};
+        by_pieces(coo.slots(), rows, [&](std::span<const coo_slot> piece) {
+            for (const coo_slot& slot : piece) __builtin_prefetch(counts + slot.row - 1, 1);
+            for (const coo_slot& slot : piece) counts[slot.row - 1] += slot.col != reserved(slot.row) ? 1 : 0;
+        });
+    }
 
     row_builder<Index> build(coo, std::move(count), limit, too_many);
-    by_pieces(coo.slots(), [&, next = build.next.data()](std::span<const coo_slot> piece) {
-        for (const coo_slot& slot : piece) __builtin_prefetch(next + slot.row - 1, 1);
-        for (const coo_slot& slot : piece) {
-            __builtin_prefetch(build.ja.data() + next[slot.row - 1], 1);
-            __builtin_prefetch(build.a.data() + next[slot.row - 1], 1);
-        }
-        for (const coo_slot& slot : piece)
-            build.put(slot.row, slot.col, slot.value, slot.col == reserved(slot.row));
-    });
+#pragma omp parallel for schedule(static, 1) num_threads(readers) default(none) \
+    shared(coo, reserved, readers, build)
+    for (int r = 0; r < readers; ++r) {
+        const row_range rows{build.row_at(r, readers) + 1, build.row_at(r + 1, readers)};
+        Index* const next = build.next.data();
+        by_pieces(coo.slots(), rows, [&](std::span<const coo_slot> piece) {
+            for (const coo_slot& slot : piece) __builtin_prefetch(next + slot.row - 1, 1);
+            for (const coo_slot& slot : piece) {
+                __builtin_prefetch(build.ja.data() + next[slot.row - 1], 1);
+                __builtin_prefetch(build.a.data() + next[slot.row - 1], 1);
+            }
+            for (const coo_slot& slot : piece)
+                build.put(slot.row, slot.col, slot.value, slot.col == reserved(slot.row));
+        });
+    }
     return build.finish();
 }
 

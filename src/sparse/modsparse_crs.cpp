@@ -235,6 +235,31 @@ void sort_row(std::span<Index> ja, std::span<double> a, element<Index>* buffer) 
     }
 }
 
+constexpr std::size_t longest_by_rank = 24;
+
+/// The same for a few elements: each counts those before it. Without branches, as in an assembled row every
+/// comparison would be mispredicted as often as not.
+template <std::signed_integral Index>
+void sort_short_row(std::span<Index> ja, std::span<double> a) {
+    std::array<element<Index>, longest_by_rank> held;
+    std::array<std::uint32_t, longest_by_rank> rank;
+    const std::size_t n = ja.size();
+    for (std::size_t k = 0; k < n; ++k) {
+        held[k] = {ja[k], a[k]};
+        std::uint32_t before = 0;
+        for (std::size_t j = 0; j < k; ++j) {
+            const auto first = static_cast<std::uint32_t>(held[j].col <= held[k].col);
+            before += first;
+            rank[j] += 1 - first;
+        }
+        rank[k] = before;
+    }
+    for (std::size_t k = 0; k < n; ++k) {
+        ja[rank[k]] = held[k].col;
+        a[rank[k]] = held[k].value;
+    }
+}
+
 template <std::signed_integral Index>
 bool is_sorted(std::span<const Index> columns) {
     return std::is_sorted(columns.begin(), columns.end());
@@ -271,7 +296,10 @@ void crs_matrix<Index>::sort() {
         const auto begin = static_cast<std::size_t>(ia[row] - 1);
         const auto count = static_cast<std::size_t>(ia[row + 1] - ia[row]);
         if (count < 2 || static_cast<std::int64_t>(count) > longest_on_stack) continue;
-        if (!is_sorted(std::span<const Index>(ja.subspan(begin, count))))
+        if (is_sorted(std::span<const Index>(ja.subspan(begin, count)))) continue;
+        if (count <= longest_by_rank)
+            sort_short_row(ja.subspan(begin, count), a.subspan(begin, count));
+        else
             sort_row(ja.subspan(begin, count), a.subspan(begin, count), buffer.data());
     }
     lsorted_ = true;

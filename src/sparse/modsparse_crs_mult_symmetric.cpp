@@ -7,10 +7,14 @@
 // are through. What falls to the right of the part's rows goes to sums of its own, the spill, which reach no
 // further than its last column. The spills are added in the order of the parts.
 //
-// With several columns and elements near the diagonal, the equations around the current row are kept in a
-// ring of row-major copies that stays in the cache, and the vectors are read and written once. Where columns
-// lie anywhere, the vectors are copied as a whole: then each element costs two places in memory and not two
-// per column.
+// Near the diagonal an element is gathered and scattered at once: what it leads to is in the cache. With
+// several columns, the equations around the current row are kept in a ring of row-major copies that stays
+// there, and the vectors are read and written once.
+//
+// Where columns lie anywhere in long vectors, all rows are gathered before they are scattered. To read the
+// matrix twice costs little beside the places that it leads to, and cache and address translation serve one
+// vector at a time instead of two. Of several columns there is a row-major copy, of x and then of what is
+// scattered, so that an element costs one place in memory and not one per column.
 
 namespace zendar::crs_mult {
 
@@ -36,77 +40,9 @@ struct spill {
     }
 };
 
-/// Own equations that hold beta y, as far as they have been reached.
-struct own_rows {
-    double* y;
-    double beta;
-    std::int64_t ready, last;
+// ---- one column near the diagonal ------------------------------------------------------------------------
 
-    template <int B>
-    void reach(std::int64_t equation) {
-        constexpr std::int64_t step = 512;
-        const std::int64_t to = std::min(std::max(equation + 1, ready + step), last);
-        if (beta == 0.0)
-            zero_rows<B>(y, ready, to);
-        else
-            for (std::int64_t k = ready * B; k < to * B; ++k) y[k] *= beta;
-        ready = to;
-    }
-};
-
-/// The rows [from, to) over vectors that lie row-major as a whole.
-template <int B, std::signed_integral Index>
-void rows_of_whole_vectors(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha,
-                           const double* x, double beta, double* y, spill& out) {
-    const std::int64_t n = m.dim1;
-    const Index* ja = m.ja.data();
-    const double* a = m.a.data();
-    own_rows own{y, beta, from, to};
-    spill beyond = out;
-    for (std::int64_t i = from; i < to; ++i) {
-        if (i >= own.ready) own.reach<B>(i);
-        const lanes<B> xi = lanes<B>::load(x + i * B).times(alpha);
-        lanes<B> sum;
-        std::int64_t k = m.ia[i] - 1;
-        const std::int64_t end = m.ia[i + 1] - 1;
-        if (k < end && ja[k] - 1 == i) {
-            sum.add(a[k], lanes<B>::load(x + i * B));
-            ++k;
-        }
-        if (k < end && ja[end - 1] > to) {
-            // Some columns lie beyond the part: where an element goes is selected, not branched on.
-            if (own.ready < to) own.reach<B>(to - 1);
-            for (; k < end; ++k) {
-                const std::int64_t c = std::int64_t{ja[k]} - 1;
-                if (c >= beyond.end) [[unlikely]]
-                    beyond.reach<B>(c, n);
-                double* const base = c < to ? y : beyond.sums;
-                const std::int64_t offset = c < to ? c : c - beyond.first;
-                sum.add(a[k], lanes<B>::load(x + c * B));
-                if (c != i) xi.add_to(base + offset * B, a[k]);
-            }
-        } else {
-            for (; k < end; ++k) {
-                const std::int64_t c = std::int64_t{ja[k]} - 1;
-                double* yc = y + c * B;
-                if (c >= own.ready) [[unlikely]] {
-                    if (c < to)
-                        own.reach<B>(c);
-                    else
-                        yc = beyond.at<B>(c, n);
-                }
-                sum.add(a[k], lanes<B>::load(x + c * B));
-                if (c != i) xi.add_to(yc, a[k]);
-            }
-        }
-        sum.add_to(y + i * B, alpha);
-    }
-    if (own.ready < to) own.reach<B>(to - 1);
-    out.end = beyond.end;
-}
-
-/// The same for one vector, where the checks of every element would cost as much as its arithmetic: y is made
-/// ready as a whole.
+/// y is made ready as a whole.
 template <std::signed_integral Index>
 void rows_of_one_vector(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
                         double beta, double* y, spill& out) {
@@ -177,41 +113,121 @@ struct spill_store {
     }
 };
 
-template <int B, std::signed_integral Index>
-void multiply_whole(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
-                    matrix_view<double> y, int parts) {
-    constexpr bool packed = B > 1;
+template <std::signed_integral Index>
+void multiply_one_vector(crs_view<Index> m, double alpha, const double* x, double beta, double* y,
+                         int parts) {
     const std::vector<std::int64_t> bounds = row_bounds(m, parts);
-    spill_store store(bounds, m.dim1, B);
+    spill_store store(bounds, m.dim1, 1);
     std::vector<spill>& spills = store.spills;
-    const std::unique_ptr<double[]> memory = raw_memory(packed ? std::int64_t{m.dim1} * B * 2 : 0);
-    double* const px = memory.get();
-    const double* const source = packed ? px : x.data;
-    double* const target = packed ? px + std::int64_t{m.dim1} * B : y.data;
-#pragma omp parallel num_threads(parts) default(none) \
-    shared(m, alpha, x, beta, y, parts, bounds, spills, px, source, target)
+#pragma omp parallel num_threads(parts) default(none) shared(m, alpha, x, beta, y, parts, bounds, spills)
     {
-        if constexpr (packed) {
 #pragma omp for schedule(static, 1)
-            for (int p = 0; p < parts; ++p) pack_rows<B>(x, bounds[p], bounds[p + 1], px);
+        for (int p = 0; p < parts; ++p)
+            rows_of_one_vector(m, bounds[p], bounds[p + 1], alpha, x, beta, y, spills[p]);
+#pragma omp for schedule(static, 1)
+        for (int p = 0; p < parts; ++p) add_spills<1>(spills, p, bounds[p], bounds[p + 1], y);
+    }
+}
+
+// ---- columns anywhere ------------------------------------------------------------------------------------
+
+/// The memory that an element leads to is asked for so many elements ahead.
+constexpr std::int64_t far_ahead = 24;
+
+/// The column of the element `far_ahead` of element k, from 0.
+template <std::signed_integral Index>
+std::int64_t column_ahead(crs_view<Index> m, std::int64_t k) {
+    return std::int64_t{m.ja[std::min(k + far_ahead, std::ssize(m.ja) - 1)]} - 1;
+}
+
+/// Asks for B values, which need not lie in one cache line.
+template <int B, int Write>
+void prefetch_lanes(const double* at) {
+    __builtin_prefetch(at, Write);
+    if constexpr (8 % B != 0) __builtin_prefetch(at + B - 1, Write);
+}
+
+/// y = beta y + the sums over the elements of each row; x is packed unless B is 1.
+template <int B, std::signed_integral Index>
+void gather_far(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
+                double beta, matrix_view<double> y) {
+    const Index* ja = m.ja.data();
+    const double* a = m.a.data();
+    for (std::int64_t i = from; i < to; ++i) {
+        lanes<B> sum;
+        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+            prefetch_lanes<B, 0>(x + column_ahead(m, k) * B);
+            sum.add(a[k], lanes<B>::load(x + (std::int64_t{ja[k]} - 1) * B));
         }
-#pragma omp for schedule(static, 1)
-        for (int p = 0; p < parts; ++p) {
-            if constexpr (packed)
-                rows_of_whole_vectors<B>(m, bounds[p], bounds[p + 1], alpha, source, 0.0, target, spills[p]);
-            else
-                rows_of_one_vector(m, bounds[p], bounds[p + 1], alpha, source, beta, target, spills[p]);
-        }
-#pragma omp for schedule(static, 1)
-        for (int p = 0; p < parts; ++p) {
-            add_spills<B>(spills, p, bounds[p], bounds[p + 1], target);
-            if constexpr (packed) unpack_rows<B>(target, beta, bounds[p], bounds[p + 1], y);
+        double of_row[B];
+        sum.times(alpha).store(of_row);
+        for (std::int64_t j = 0; j < y.cols; ++j) {
+            double& value = y.data[i + j * y.ld];
+            value = beta == 0.0 ? of_row[j] : beta * value + of_row[j];
         }
     }
 }
 
-// ---- several columns near the diagonal
-// -----------------------------------------------------------------------
+/// Adds what the rows scatter to sums, which are the part's own equations, and to its spill.
+template <int B, std::signed_integral Index>
+void scatter_far(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha,
+                 matrix_view<const double> x, double* sums, spill& out) {
+    const std::int64_t n = m.dim1;
+    const Index* ja = m.ja.data();
+    const double* a = m.a.data();
+    spill beyond = out;
+    const auto place = [&](std::int64_t c) {
+        return c < to ? sums + c * B : beyond.sums + (c - beyond.first) * B;
+    };
+    for (std::int64_t i = from; i < to; ++i) {
+        double of_row[B] = {};
+        for (std::int64_t j = 0; j < x.cols; ++j) of_row[j] = alpha * x.data[i + j * x.ld];
+        const lanes<B> xi = lanes<B>::load(of_row);
+        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+            prefetch_lanes<B, 1>(place(column_ahead(m, k)));
+            const std::int64_t c = std::int64_t{ja[k]} - 1;
+            if (c >= beyond.end) [[unlikely]]
+                if (c >= to) beyond.reach<B>(c, n);
+            if (c != i) xi.add_to(place(c), a[k]);
+        }
+    }
+    out.end = beyond.end;
+}
+
+template <int B, std::signed_integral Index>
+void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
+                  matrix_view<double> y, int parts) {
+    constexpr bool packed = B > 1;
+    const std::vector<std::int64_t> bounds = row_bounds(m, parts);
+    spill_store store(bounds, m.dim1, B);
+    std::vector<spill>& spills = store.spills;
+    const std::unique_ptr<double[]> memory = raw_memory(packed ? std::int64_t{m.dim1} * B : 0);
+    double* const copy = memory.get();
+    const double* const source = packed ? copy : x.data;
+    double* const target = packed ? copy : y.data;
+#pragma omp parallel num_threads(parts) default(none) \
+    shared(m, alpha, x, beta, y, parts, bounds, spills, copy, source, target)
+    {
+        if constexpr (packed) {
+#pragma omp for schedule(static, 1)
+            for (int p = 0; p < parts; ++p) pack_rows<B>(x, bounds[p], bounds[p + 1], copy);
+        }
+#pragma omp for schedule(static, 1)
+        for (int p = 0; p < parts; ++p) gather_far<B>(m, bounds[p], bounds[p + 1], alpha, source, beta, y);
+#pragma omp for schedule(static, 1)
+        for (int p = 0; p < parts; ++p) {
+            if constexpr (packed) zero_rows<B>(target, bounds[p], bounds[p + 1]);
+            scatter_far<B>(m, bounds[p], bounds[p + 1], alpha, x, target, spills[p]);
+        }
+#pragma omp for schedule(static, 1)
+        for (int p = 0; p < parts; ++p) {
+            add_spills<B>(spills, p, bounds[p], bounds[p + 1], target);
+            if constexpr (packed) unpack_rows<B>(target, 1.0, bounds[p], bounds[p + 1], y);
+        }
+    }
+}
+
+// ---- several columns near the diagonal -------------------------------------------------------------------
 
 /// Equations that the ring holds; with the widest block both halves take 320 KiB.
 constexpr std::int64_t ring_size = 2048;
@@ -380,9 +396,9 @@ void multiply_near(crs_view<Index> m, double alpha, matrix_view<const double> x,
     }
 }
 
-/// Whether nearly all elements are within the ring's reach, from a sample of rows.
+/// Whether nearly all elements are less than `reach` columns from the diagonal, from a sample of rows.
 template <std::signed_integral Index>
-bool lies_near_diagonal(crs_view<Index> m) {
+bool lies_near_diagonal(crs_view<Index> m, std::int64_t reach) {
     constexpr std::int64_t sampled_rows = 512, sampled_elements = 16, most_far = 20;  // one in 20
     std::int64_t seen = 0, far = 0;
     for (std::int64_t r = 0; r < sampled_rows; ++r) {
@@ -391,7 +407,7 @@ bool lies_near_diagonal(crs_view<Index> m) {
         const std::int64_t step = (end - begin + sampled_elements - 1) / sampled_elements;
         for (std::int64_t k = begin; k < end; k += step) {
             ++seen;
-            far += m.ja[k] - 1 >= i + ring_size / 2 ? 1 : 0;
+            far += m.ja[k] - 1 >= i + reach ? 1 : 0;
         }
     }
     return far * most_far <= seen;
@@ -403,12 +419,18 @@ template <int B, std::signed_integral Index>
 void multiply_symmetric(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
                         matrix_view<double> y, int parts) {
     if constexpr (B > 1) {
-        if (lies_near_diagonal(m)) {
+        if (lies_near_diagonal(m, ring_size / 2))
             multiply_near<B>(m, alpha, x, beta, y, parts);
-            return;
-        }
+        else
+            multiply_far<B>(m, alpha, x, beta, y, parts);
+    } else {
+        // So many equations of x and y stay in the last cache, and in reach of the address translation.
+        constexpr std::int64_t cached = 1 << 18;
+        if (lies_near_diagonal(m, cached))
+            multiply_one_vector(m, alpha, x.data, beta, y.data, parts);
+        else
+            multiply_far<1>(m, alpha, x, beta, y, parts);
     }
-    multiply_whole<B>(m, alpha, x, beta, y, parts);
 }
 
 template <std::signed_integral Index>

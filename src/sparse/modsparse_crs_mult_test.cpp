@@ -161,6 +161,54 @@ TEST(CrsMultiply, AgreesWithElementwiseSumsWithWideIndices) {
     }
 }
 
+/// Rows that all have the same number of elements, as far as there is room for them, the columns up to
+/// `distance` away.
+rows_of_elements<std::int32_t> even_rows(std::int32_t n, std::int32_t per_row, std::int32_t distance,
+                                         std::mt19937& generator) {
+    rows_of_elements<std::int32_t> m{.dim1 = n, .dim2 = n};
+    for (std::int32_t i = 0; i < n; ++i) {
+        const std::int32_t room = std::min(n - i, distance);
+        std::vector<std::int32_t> columns;
+        while (std::ssize(columns) < std::min(per_row, room)) {
+            const auto c = i + static_cast<std::int32_t>(generator() % static_cast<std::uint32_t>(room));
+            if (std::ranges::find(columns, c) == columns.end()) columns.push_back(c);
+        }
+        std::ranges::sort(columns);
+        for (const std::int32_t c : columns) {
+            m.ja.push_back(c + 1);
+            m.a.push_back(1.0 / (1.0 + c - 0.5 * i));
+        }
+        m.ia.push_back(static_cast<std::int32_t>(m.ja.size()) + 1);
+    }
+    return m;
+}
+
+/// Columns near the diagonal, and all over the matrix.
+void check_even_rows(std::int32_t per_row, std::int64_t columns) {
+    SCOPED_TRACE(std::to_string(per_row) + " elements, " + std::to_string(columns) + " columns");
+    constexpr std::int32_t n = 2500;
+    std::mt19937 generator(static_cast<unsigned>(per_row));
+    for (const std::int32_t distance : {25, n}) {
+        const auto m = even_rows(n, per_row, distance, generator);
+        const matrix<double> x = random_matrix(n, columns, generator);
+        const matrix<double> before = random_matrix(n, columns, generator);
+        matrix<double> after = before;
+
+        crs_multiply(m.view(), storage::symmetric_upper, false, -1.5, x.view(), 0.5, after.view());
+
+        expect_product(m, storage::symmetric_upper, false, -1.5, x, 0.5, before, after);
+    }
+}
+
+TEST(CrsMultiply, TakesAnyNumberOfColumns) {
+    for (std::int64_t columns = 1; columns <= 17; ++columns) check_even_rows(7, columns);
+}
+
+TEST(CrsMultiply, TakesAnyNumberOfElementsInARow) {
+    for (std::int32_t per_row = 0; per_row <= 20; ++per_row)
+        for (const std::int64_t columns : {1, 10}) check_even_rows(per_row, columns);
+}
+
 TEST(CrsMultiply, TakesAMatrixDoneByHand) {
     // 2 1 .      symmetric: 2 1 .
     // . . 3                 1 . 3
@@ -220,6 +268,28 @@ TEST_P(CrsMultiplyThreads, RepeatsAndAgreesWithOneThread) {
                         largest = std::max(largest, test::magnitude(y.values()[k] - serial.values()[k]));
                     EXPECT_LT(largest, 1e-12);
                 }
+}
+
+TEST_P(CrsMultiplyThreads, TakesVectorsBeyondTheCache) {
+    constexpr std::int32_t n = 500000;
+    std::mt19937 generator(23);
+    rows_of_elements<std::int64_t> m{.dim1 = n, .dim2 = n};
+    for (std::int32_t i = 0; i < n; ++i) {
+        if (i % 5 != 0) m.ja.push_back(i + 1);
+        for (std::int32_t k = 0; k < i % 3; ++k)
+            m.ja.push_back(i + 1 + generator() % static_cast<std::uint32_t>(n - i));
+        m.a.resize(m.ja.size(), 1.0 / (i + 1));
+        m.ia.push_back(std::ssize(m.ja) + 1);
+    }
+    const matrix<double> x = random_matrix(n, 1, generator), before = random_matrix(n, 1, generator);
+    matrix<double> after = before, again = before;
+    const threads used(GetParam());
+
+    crs_multiply(m.view(), storage::symmetric_upper, false, 2.5, x.view(), -0.5, after.view());
+    crs_multiply(m.view(), storage::symmetric_upper, false, 2.5, x.view(), -0.5, again.view());
+
+    EXPECT_TRUE(after == again);
+    expect_product(m, storage::symmetric_upper, false, 2.5, x, -0.5, before, after);
 }
 INSTANTIATE_TEST_SUITE_P(OneToEight, CrsMultiplyThreads, ::testing::Range(1, 9));
 

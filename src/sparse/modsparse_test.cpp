@@ -1,5 +1,7 @@
 #include "modsparse.hpp"
 
+#include <omp.h>
+
 #include "modsparse_detail.hpp"
 #include "modsparse_test_support.hpp"
 
@@ -62,6 +64,42 @@ TEST(ConvertFromCooToCrs, CopesWithMatricesWithoutRowsOrColumns) {
         EXPECT_EQ(convertfromcrstocoo(convertfromcootocrs(coo)).getdim(2), m);
         EXPECT_EQ(convertfromlltocrs(convertfromcootoll(coo)).getdim(1), n);
     }
+}
+
+/// Rows of 0 to 49 elements in a table that several threads share.
+TEST(ConvertFromCooToCrs, GivesTheSameForAnyNumberOfThreads) {
+    constexpr std::int32_t n = 2000, longest = 50;
+    coosparse coo(n, 2 * n, 1 << 17);
+    std::vector<std::int32_t> pointers{1}, columns;
+    for (std::int32_t i = 1; i <= n; ++i) {
+        for (std::int32_t k = 0; k < i % longest; ++k) {
+            const std::int32_t step = (k * 17 + i) % longest;  // in no order
+            if (step < i % longest) coo.add(i, 1 + step * (i % 7 + 1), i + 0.001 * step);
+        }
+        for (std::int32_t k = 0; k < i % longest; ++k)
+            if (coo.get(i, 1 + k * (i % 7 + 1)) != 0.0) columns.push_back(1 + k * (i % 7 + 1));
+        columns.push_back(2 * n);  // stored in any case
+        pointers.push_back(static_cast<std::int32_t>(columns.size()) + 1);
+    }
+    const int before = omp_get_max_threads();
+    for (int threads = 1; threads <= 9; ++threads) {
+        SCOPED_TRACE(threads);
+        omp_set_num_threads(threads);
+        const crssparse crs = convertfromcootocrs(coo);
+        EXPECT_EQ(crs.get_rowptr(), pointers);
+        EXPECT_EQ(crs.get_colval(), columns);
+        const std::vector<double> values = crs.get_nzval();
+        std::size_t k = 0;
+        for (std::int32_t i = 1; i <= n; ++i)
+            for (; k + 1 < static_cast<std::size_t>(pointers[i]); ++k)
+                ASSERT_EQ(values[k], coo.get(i, columns[k])) << "row " << i;
+    }
+    omp_set_num_threads(before);
+}
+
+TEST(ConvertFromCooToCrs, CopesWithALargeTableWithoutRows) {
+    EXPECT_EQ(convertfromcootocrs(coosparse(0, 0, 1 << 17)).totalnumberofelements(), 0);
+    EXPECT_EQ(convertfromcootocrs(coosparse(1, 4, 1 << 17)).totalnumberofelements(), 1);
 }
 
 /// Every conversion, for every kind and shape, keeps what `get` shows.
