@@ -103,17 +103,19 @@ void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64
     for (std::int64_t i = from; i < to; ++i) {
         const double* const xi = x.block(i, own_space);
         times_ginv<N>(ginv, xi, scattered, order);
-        for (std::int64_t e = 0; e < order; ++e) sum[e] = 0.0;
-        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+        std::int64_t k = m.ia[i] - 1;
+        const std::int64_t end = m.ia[i + 1] - 1;
+        const bool has_diagonal = k < end && ja[k] - 1 == i;
+        for (std::int64_t e = 0; e < order; ++e) sum[e] = has_diagonal ? a[k] * xi[e] : 0.0;
+        k += has_diagonal ? 1 : 0;
+        for (; k < end; ++k) {
             const std::int64_t c = std::int64_t{ja[k]} - 1;
-            if (const std::int64_t next = k + ahead; next < last) {
-                x.prefetch(ja[next] - 1, 0);
-                r.prefetch(ja[next] - 1, 1);
-            }
-            const double* const xc = c == i ? xi : x.block(c, space);
+            const std::int64_t next = ja[std::min(k + ahead, last - 1)] - 1;
+            x.prefetch(next, 0);
+            r.prefetch(next, 1);
+            const double* const xc = x.block(c, space);
             for (std::int64_t e = 0; e < order; ++e) sum[e] += a[k] * xc[e];
-            if (c == i) continue;
-            if (c < to) {
+            if (c < to) [[likely]] {
                 r.add(c, a[k], scattered);
             } else {
                 double* const add = beyond.at(c, order, nlevel);
