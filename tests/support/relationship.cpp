@@ -1,5 +1,7 @@
 #include "relationship.hpp"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <functional>
 #include <numeric>
@@ -79,8 +81,11 @@ matrix<double> tabular_relationship(const matrix<std::int32_t>& ped, std::int32_
 matrix<double> dense_inverse(const matrix<double>& a) {
     matrix<double> inverse = a;
     const std::int64_t n = a.rows();
-    if (lapack_dpotrf(inverse.view()) != 0 || lapack_dpotri(inverse.view()) != 0)
-        throw std::runtime_error("not positive definite");
+    const int threads = omp_get_max_threads();
+    omp_set_num_threads(1);  // more would mostly wait for each other on matrices as small as these
+    const bool failed = lapack_dpotrf(inverse.view()) != 0 || lapack_dpotri(inverse.view()) != 0;
+    omp_set_num_threads(threads);
+    if (failed) throw std::runtime_error("not positive definite");
     for (std::int64_t j = 0; j < n; ++j)
         for (std::int64_t i = 0; i < j; ++i) inverse(i, j) = inverse(j, i);
     return inverse;
