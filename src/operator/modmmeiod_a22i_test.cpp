@@ -8,6 +8,7 @@
 #include "captured_log.hpp"
 #include "magnitude.hpp"
 #include "modbasic.hpp"
+#include "modpedigree_test_support.hpp"
 #include "relationship.hpp"
 #include "temporary_directory.hpp"
 
@@ -15,17 +16,9 @@ namespace zendar {
 namespace {
 
 using test::captured_log;
+using test::pedigree_with_f;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-pedigree_type pedigree_with_f(const matrix<std::int32_t>& parents, std::int32_t nupg) {
-    pedigree_type ped;
-    ped.ped = parents;
-    ped.nupg = nupg;
-    const matrix<double> a = test::tabular_relationship(parents, nupg);
-    for (std::int64_t i = 0; i < a.rows(); ++i) ped.f.push_back(i < a.rows() - nupg ? a(i, i) - 1.0 : 0.0);
-    return ped;
-}
 
 matrix<double> inverse_of_a22(const matrix<std::int32_t>& parents, std::int32_t nupg,
                               std::span<const std::int32_t> list) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <type_traits>
 
 #include "modmmeiod_detail.hpp"
 
@@ -16,10 +17,10 @@ namespace {
 
 /// Blocks of a group in a vector with one element per equation. N entries a block (0: any number); contiguous
 /// blocks lie behind each other.
-template <int N, bool Contiguous>
+template <int N, bool Contiguous, class Value>
 class block_vector {
   public:
-    block_vector(const effect_group& group, double* data)
+    block_vector(const effect_group& group, Value* data)
         : data_(data),
           order_(N > 0 ? N : group.order()),
           equation_(group.equation.data()),
@@ -43,16 +44,13 @@ class block_vector {
                 data_[equation_[i] + level * stride_[i]] += factor * values[i];
         }
     }
-    void prefetch(std::int64_t level, int write) const {
-        const double* const at = data_ + equation_[0] + level * (Contiguous ? order_ : stride_[0]);
-        if (write != 0)
-            __builtin_prefetch(at, 1);
-        else
-            __builtin_prefetch(at, 0);
+    void prefetch(std::int64_t level) const {
+        constexpr int write = std::is_const_v<Value> ? 0 : 1;
+        __builtin_prefetch(data_ + equation_[0] + level * (Contiguous ? order_ : stride_[0]), write);
     }
 
   private:
-    double* data_;
+    Value* data_;
     std::int64_t order_;
     const std::int64_t* equation_;
     const std::int64_t* stride_;
@@ -91,8 +89,8 @@ void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64
     const double* const ginv = group.ginv.data();
     const std::int32_t* const ja = m.ja.data();
     const double* const a = m.a.data();
-    // x is only read.
-    const block_vector<N, Contiguous> x(group, const_cast<double*>(x_data)), r(group, r_data);
+    const block_vector<N, Contiguous, const double> x(group, x_data);
+    const block_vector<N, Contiguous, double> r(group, r_data);
     std::array<double, (N > 0 ? 4 * N : 1)> small;
     std::vector<double> large(N == 0 ? static_cast<std::size_t>(4 * order) : 0);
     double* const sum = N > 0 ? small.data() : large.data();
@@ -111,8 +109,8 @@ void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64
         for (; k < end; ++k) {
             const std::int64_t c = std::int64_t{ja[k]} - 1;
             const std::int64_t next = ja[std::min(k + ahead, last - 1)] - 1;
-            x.prefetch(next, 0);
-            r.prefetch(next, 1);
+            x.prefetch(next);
+            r.prefetch(next);
             const double* const xc = x.block(c, space);
             for (std::int64_t e = 0; e < order; ++e) sum[e] += a[k] * xc[e];
             if (c < to) [[likely]] {
@@ -146,7 +144,7 @@ void multiply(const effect_group& group, const crs_view<std::int32_t>& m, const 
             rows<N, Contiguous>(group, m, parts.bounds[p], parts.bounds[p + 1], x, r, spills[p]);
 #pragma omp for schedule(static, 1)
         for (std::int64_t p = 1; p < npart; ++p) {
-            const block_vector<N, Contiguous> to(group, r);
+            const block_vector<N, Contiguous, double> to(group, r);
             for (std::int64_t q = 0; q < p; ++q) {
                 const spill& s = spills[q];
                 const std::int64_t end = std::min(parts.bounds[p + 1], s.end);

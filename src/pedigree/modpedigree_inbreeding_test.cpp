@@ -12,6 +12,7 @@
 #include "captured_log.hpp"
 #include "modpedigree.hpp"
 #include "modpedigree_detail.hpp"
+#include "modpedigree_test_support.hpp"
 #include "relationship.hpp"
 #include "temporary_directory.hpp"
 
@@ -20,24 +21,13 @@ namespace {
 
 using test::captured_log;
 using test::fatal_message;
+using test::pedigree;
 using testing::AllOf;
 using testing::DoubleNear;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-
-pedigree_type pedigree(const std::vector<std::pair<std::int32_t, std::int32_t>>& parents,
-                       std::int32_t nupg = 0) {
-    pedigree_type ped;
-    ped.nupg = nupg;
-    ped.ped = matrix<std::int32_t>(2, std::ssize(parents));
-    for (std::size_t i = 0; i < parents.size(); ++i) {
-        ped.ped(0, static_cast<std::int64_t>(i)) = parents[i].first;
-        ped.ped(1, static_cast<std::int64_t>(i)) = parents[i].second;
-    }
-    return ped;
-}
 
 std::vector<double> computed(pedigree_type& ped, std::int32_t method) {
     captured_log log;

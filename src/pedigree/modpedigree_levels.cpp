@@ -1,6 +1,6 @@
 #include "modbasic.hpp"
 #include "modfile.hpp"
-#include "modparameters_utils_lines.hpp"
+#include "modpedigree_lines.hpp"
 #include "modpedigree_partition.hpp"
 
 namespace zendar {
@@ -11,12 +11,8 @@ std::vector<std::int32_t> readlevels(const std::string& file, std::int32_t nanim
     constexpr const char* module_tag = "modpedigree";
     constexpr const char* procedure = "readlevels";
     const std::string name(trim(file));
-    const auto unreadable = [&](const file_error& failure) {
-        fatal_io(log, "The file " + name + " cannot be read", module_tag, procedure, failure.iostat,
-                 failure.iomsg);
-    };
     text_reader input;
-    if (const auto failure = input.open(name)) unreadable(*failure);
+    if (const auto failure = input.open(name)) detail::stop_unreadable(name, *failure, procedure, log);
     std::vector<std::int32_t> levels;
     std::vector<std::int64_t> line_of(static_cast<std::size_t>(nanimal), 0);
     std::string text;
@@ -41,7 +37,7 @@ std::vector<std::int32_t> readlevels(const std::string& file, std::int32_t nanim
         before = input.line_number();
         levels.push_back(static_cast<std::int32_t>(level));
     }
-    if (const auto failure = input.error()) unreadable(*failure);
+    if (const auto failure = input.error()) detail::stop_unreadable(name, *failure, procedure, log);
     if (levels.empty()) fatal(log, "The file " + name + " holds no level", module_tag, procedure);
     return levels;
 }

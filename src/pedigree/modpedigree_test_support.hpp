@@ -10,6 +10,19 @@
 /// Pedigrees with known coefficients, and dense forms, for the tests of what is built on them.
 namespace zendar::test {
 
+/// Sires and dams of the levels, with coefficients to be computed.
+inline pedigree_type pedigree(const std::vector<std::pair<std::int32_t, std::int32_t>>& parents,
+                              std::int32_t nupg = 0) {
+    pedigree_type ped;
+    ped.nupg = nupg;
+    ped.ped = matrix<std::int32_t>(2, std::ssize(parents));
+    for (std::size_t i = 0; i < parents.size(); ++i) {
+        ped.ped(0, static_cast<std::int64_t>(i)) = parents[i].first;
+        ped.ped(1, static_cast<std::int64_t>(i)) = parents[i].second;
+    }
+    return ped;
+}
+
 /// A pedigree with the coefficients of the tabular method.
 inline pedigree_type pedigree_with_f(matrix<std::int32_t> parents, std::int32_t nupg,
                                      const matrix<double>& gamma = {}) {
