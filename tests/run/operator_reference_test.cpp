@@ -56,6 +56,10 @@ TEST(OperatorReference, ProductAndRightHandSideOfRandomModelsWithEveryKernelAndN
     EXPECT_EQ(nproduct, 900);
 }
 
+bool has_type(const random_model& model, std::int32_t type) {
+    return std::ranges::count(model.effects, type, &random_effect::type_random) > 0;
+}
+
 TEST(OperatorReference, PedigreesOfEveryKindBySparseMatricesAndByThePedigreesThemselves) {
     int nsparse = 0, nped = 0;
     for (std::uint64_t seed = 1; seed <= 200; ++seed) {
@@ -74,6 +78,8 @@ TEST(OperatorReference, PedigreesOfEveryKindBySparseMatricesAndByThePedigreesThe
             std::vector<double> r(model.neq);
             op.atimesx(x, r);
             EXPECT_LT(difference(r, cx), 1e-11) << (sparse ? "sparse" : "pedigree");
+            const bool a22i = has_type(model, 103) || has_type(model, 105) || has_type(model, 109);
+            EXPECT_EQ(read.screen.str().find(" (tau/beta - omega) * A22i * x : ") != std::string::npos, a22i);
             ++(sparse ? nsparse : nped);
         }
         if (HasFailure()) break;
