@@ -1,6 +1,10 @@
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstddef>
+#include <limits>
+#include <numeric>
+#include <utility>
 #include <vector>
 
 #include "modpedigree_detail.hpp"
@@ -14,131 +18,220 @@ namespace {
 /// lines away from 0, which stands for an ancestor that is not pending.
 constexpr double negligible = 1e-100;
 
-/// The pending ancestors of one animal with their shares in it.
+/// Animals of one generation are traced together, a few at a time: an ancestor of several of them is visited
+/// once for all. They come by sires, so that most of these ancestors are common ones.
+struct shares {
+    static constexpr std::size_t nlane = 4;
+    using half = double __attribute__((vector_size(16)));
+    half low{}, high{};
+
+    /// @pre No share is below 0.
+    [[nodiscard]] bool all_below(double limit) const {
+        const half most = low + high;
+        return most[0] < limit && most[1] < limit;
+    }
+    [[nodiscard]] bool none() const { return all_below(std::numeric_limits<double>::denorm_min()); }
+    [[nodiscard]] double operator[](std::size_t lane) const { return lane < 2 ? low[lane] : high[lane - 2]; }
+    void set(std::size_t lane, double share) { (lane < 2 ? low : high)[lane % 2] = share; }
+    void operator+=(const shares& other) {
+        low += other.low;
+        high += other.high;
+    }
+    void operator*=(double factor) {
+        low *= factor;
+        high *= factor;
+    }
+    /// Adds own * own * d.
+    void add_squares(const shares& own, double d) {
+        low += own.low * (own.low * d);
+        high += own.high * (own.high * d);
+    }
+};
+constexpr std::size_t nlane = shares::nlane;
+
+/// A visit takes one cache line.
+struct ancestor {
+    parent_record known;
+    shares share;  // all 0: not pending
+};
+static_assert(sizeof(ancestor) == 64);
+
+/// The pending ancestors of a few animals with their shares in these.
 class pending_ancestors {
   public:
     explicit pending_ancestors(const parent_table& table)
-        : records_(table.records.data()),
-          lists_(table),
-          shares_(table.records.size()),
-          share_(shares_.data()) {
-        share_[0] = 1.0;  // so that an unknown parent never becomes pending
+        : lists_(table), all_(table.records.size()), ancestor_(all_.data()) {
+        for (std::int64_t record = 0; record < all_.size(); ++record)
+            ancestor_[record].known = table.records.data()[record];
+        ancestor_[0].share.set(0, 1.0);  // so that an unknown parent never becomes pending
+    }
+    void set_variance(std::int32_t record, double d) { ancestor_[record].known.d = d; }
+
+    void add(std::int32_t record, std::int32_t generation, const shares& more) {
+        shares& sum = ancestor_[record].share;
+        if (sum.none()) lists_.push(generation, record);
+        sum += more;
+    }
+    void add(std::int32_t record, std::size_t lane, double share) {
+        shares more;
+        more.set(lane, share);
+        add(record, ancestor_[record].known.generation, more);
     }
 
-    void add(std::int32_t record, std::int32_t generation, double share) {
-        double& sum = share_[record];
-        if (sum == 0.0) {
-            lists_.push(generation, record);
-            __builtin_prefetch(&records_[record]);
-        }
-        sum += share;
-    }
-
-    /// Takes a generation off, whose parents get their shares. @returns the sum of share * share * d.
-    double pass_on(std::int32_t generation) {
-        double sum = 0.0;
+    /// Takes a generation off, whose parents get their shares, and adds share * share * d to `sum`.
+    void pass_on(std::int32_t generation, shares& sum) {
         const std::span<const std::int32_t> list = lists_[generation];
         for (std::size_t k = 0; k < std::min(ahead, list.size()); ++k) prefetch_parents(list[k]);
         for (std::size_t k = 0; k < list.size(); ++k) {
             if (k + ahead < list.size()) prefetch_parents(list[k + ahead]);
-            const parent_record& from = records_[list[k]];
-            const double share = take(list[k]), half = 0.5 * share;
-            sum += share * (share * from.d);
-            if (half < negligible) continue;
-            add(from.parents[0], from.of_generations[0], half);
-            add(from.parents[1], from.of_generations[1], half);
+            const parent_record& from = ancestor_[list[k]].known;
+            shares share = std::exchange(ancestor_[list[k]].share, shares());
+            sum.add_squares(share, from.d);
+            share *= 0.5;
+            if (share.all_below(negligible)) continue;
+            add(from.parents[0], from.of_generations[0], share);
+            add(from.parents[1], from.of_generations[1], share);
         }
         lists_.clear(generation);
-        return sum;
     }
 
     /// The same for the oldest generation, whose variances are 1.
-    double finish() {
-        double sum = 0.0;
+    void finish(shares& sum) {
         for (const std::int32_t j : lists_[0]) {
-            const double share = take(j);
-            sum += share * share;
+            const shares own = std::exchange(ancestor_[j].share, shares());
+            sum.add_squares(own, 1.0);
         }
         lists_.clear(0);
-        return sum;
     }
     /// The same for metafounders, which are related.
-    double finish(matrix_view<const double> metarel) {
-        double sum = 0.0;
+    void finish(matrix_view<const double> metarel, shares& sum) {
         for (const std::int32_t i : lists_[0]) {
-            double off = 0.0;
-            for (const std::int32_t j : lists_[0])
-                if (j < i) off += share_[j] * metarel(i - 1, j - 1);
-            sum += share_[i] * (2.0 * off + share_[i] * metarel(i - 1, i - 1));
+            const shares& own = ancestor_[i].share;
+            for (std::size_t lane = 0; lane < nlane; ++lane) {
+                double off = 0.0;
+                for (const std::int32_t j : lists_[0])
+                    if (j < i) off += ancestor_[j].share[lane] * metarel(i - 1, j - 1);
+                sum.set(lane, sum[lane] + own[lane] * (2.0 * off + own[lane] * metarel(i - 1, i - 1)));
+            }
         }
-        for (const std::int32_t i : lists_[0]) share_[i] = 0.0;
+        for (const std::int32_t i : lists_[0]) ancestor_[i].share = shares();
         lists_.clear(0);
-        return sum;
     }
 
   private:
     static constexpr std::size_t ahead = 16;
 
     void prefetch_parents(std::int32_t record) const {
-        for (const std::int32_t parent : records_[record].parents) __builtin_prefetch(&share_[parent], 1);
+        for (const std::int32_t parent : ancestor_[record].known.parents)
+            __builtin_prefetch(&ancestor_[parent], 1);
     }
 
-    double take(std::int32_t record) {
-        const double share = share_[record];
-        share_[record] = 0.0;
-        return share;
-    }
-
-    const parent_record* records_;
     generation_lists lists_;
-    page_array<double> shares_;
-    double* share_;  // [record]; 0: not pending
+    page_array<ancestor> all_;
+    ancestor* ancestor_;  // [record]
 };
 
-/// One animal with two known parents, `d` its own Mendelian sampling variance.
-template <bool meta>
-double meuwluo(const parent_table& table, pending_ancestors& pending, std::int32_t sire, std::int32_t dam,
-               double d, matrix_view<const double> metarel) {
-    const std::int32_t of_sire = table.records.data()[sire].generation,
-                       of_dam = table.records.data()[dam].generation;
-    double acc = d - 1.0;  // its own share is 1
-    pending.add(sire, of_sire, 0.5);
-    pending.add(dam, of_dam, 0.5);
-    for (std::int32_t g = std::max(of_sire, of_dam); g > 0; --g) acc += pending.pass_on(g);
-    if constexpr (meta)
-        return acc + pending.finish(metarel);
-    else
-        return acc + pending.finish();
-}
+/// All animals: by generation, within it by sire, then by dam.
+struct sorted_animals {
+    std::vector<std::int32_t> positions;
+    std::vector<std::int32_t> end;  ///< [generation]
+
+    sorted_animals(matrix_view<const std::int32_t> tped, const parent_table& table, std::int32_t nupg)
+        : positions(static_cast<std::size_t>(tped.cols - nupg)), from_(positions.size()) {
+        std::iota(positions.begin(), positions.end(), nupg + 1);
+        const std::int64_t nrecord = table.records.size();
+        const auto record_of_parent = [&](std::int32_t i, std::int64_t p) {
+            return table.record_of[tped(p, i - 1)];
+        };
+        sort_by(nrecord, [&](std::int32_t i) { return record_of_parent(i, 1); });
+        sort_by(nrecord, [&](std::int32_t i) { return record_of_parent(i, 0); });
+        const auto generation_of = [&](std::int32_t record) {
+            return record == 0 ? -1 : table.records.data()[record].generation;
+        };
+        sort_by(std::ssize(table.begin), [&](std::int32_t i) {
+            return 1 + std::max(generation_of(record_of_parent(i, 0)), generation_of(record_of_parent(i, 1)));
+        });
+        from_ = {};
+    }
+
+  private:
+    /// Leaves the end of each key's range in `end`.
+    template <class Key>
+    void sort_by(std::int64_t nkey, const Key& key) {
+        end.assign(static_cast<std::size_t>(nkey) + 1, 0);
+        for (const std::int32_t i : positions) ++end[key(i) + 1];
+        std::partial_sum(end.begin(), end.end(), end.begin());
+        positions.swap(from_);
+        for (const std::int32_t i : from_) positions[end[key(i)]++] = i;
+        end.pop_back();
+    }
+
+    std::vector<std::int32_t> from_;
+};
+
+/// Full sibs of one generation: a range of the sorted animals.
+struct family {
+    std::size_t begin = 0, end = 0;
+};
 
 template <bool meta>
 void compute(matrix_view<const std::int32_t> tped, std::int32_t nupg, matrix_view<const double> metarel,
              std::span<double> f, inbreeding_progress& progress) {
-    const auto n = static_cast<std::int32_t>(tped.cols);
-    assert(std::ssize(f) == std::int64_t{n} + 1);
+    assert(std::ssize(f) == tped.cols + 1);
     parent_table table = make_parent_table(tped, meta ? nupg : 0);
+    const sorted_animals animals(tped, table, nupg);
+    const std::vector<std::int32_t>& sorted = animals.positions;
     pending_ancestors pending(table);
+    table.records.clear();
     std::ranges::fill(f, 0.0);
     f[0] = -1.0;
     if constexpr (meta)
         for (std::int32_t m = 1; m <= nupg; ++m) f[m] = metarel(m - 1, m - 1) - 1.0;
 
-    std::int32_t last_sire = 0, last_dam = 0;
-    double last_f = 0.0;
-    for (std::int32_t i = nupg + 1; i <= n; ++i) {
-        progress.treated(i);
-        const std::int32_t s = tped(0, i - 1), d = tped(1, i - 1);
-        const double variance = sampling_variance(f[s], f[d]);
-        if (const std::int32_t record = table.record_of[i]; record != 0)
-            table.records.data()[record].d = variance;
-        if (s == 0 || d == 0) continue;
-        if (s != last_sire || d != last_dam) {  // else full sibs
-            last_f = meuwluo<meta>(table, pending, table.record_of[s], table.record_of[d], variance, metarel);
-            last_sire = s;
-            last_dam = d;
+    std::array<family, nlane> traced;  // together, all of one generation
+    std::size_t ntraced = 0;
+    std::int32_t generation = 0;
+    shares sum;
+    constexpr std::size_t ahead = 8;
+    const auto trace = [&] {
+        for (std::int32_t g = generation - 1; g > 0; --g) pending.pass_on(g, sum);
+        if constexpr (meta)
+            pending.finish(metarel, sum);
+        else
+            pending.finish(sum);
+        for (std::size_t lane = 0; lane < ntraced; ++lane)
+            for (std::size_t k = traced[lane].begin; k < traced[lane].end; ++k) f[sorted[k]] = sum[lane];
+        ntraced = 0;
+    };
+    std::int32_t treated = nupg;
+    for (family sibs; sibs.begin < sorted.size(); sibs.begin = sibs.end) {
+        const std::int32_t first = sorted[sibs.begin], s = tped(0, first - 1), d = tped(1, first - 1);
+        const bool next_generation = std::cmp_greater_equal(sibs.begin, animals.end[generation]);
+        if (ntraced > 0 && (ntraced == nlane || next_generation)) trace();
+        while (std::cmp_greater_equal(sibs.begin, animals.end[generation])) ++generation;
+        if (sibs.begin + 2 * ahead < sorted.size()) {
+            const std::int32_t later = sorted[sibs.begin + 2 * ahead];
+            __builtin_prefetch(&tped(0, later - 1));
+            __builtin_prefetch(&table.record_of[later]);
+            const std::int32_t dam = tped(1, sorted[sibs.begin + ahead] - 1);
+            __builtin_prefetch(&f[dam]);
+            __builtin_prefetch(&table.record_of[dam]);
         }
-        f[i] = last_f;
+        const double variance = sampling_variance(f[s], f[d]);
+        for (sibs.end = sibs.begin; sibs.end < sorted.size(); ++sibs.end) {
+            const std::int32_t i = sorted[sibs.end];
+            if (tped(0, i - 1) != s || tped(1, i - 1) != d) break;
+            progress.treated(++treated);
+            if (const std::int32_t record = table.record_of[i]; record != 0)
+                pending.set_variance(record, variance);
+        }
+        if (s == 0 || d == 0) continue;
+        pending.add(table.record_of[s], ntraced, 0.5);
+        pending.add(table.record_of[d], ntraced, 0.5);
+        sum.set(ntraced, variance - 1.0);  // the share of an animal in itself is 1
+        traced[ntraced++] = sibs;
     }
+    if (ntraced > 0) trace();
     f[0] = 0.0;
 }
 
