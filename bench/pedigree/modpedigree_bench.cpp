@@ -8,6 +8,7 @@
 #include <numeric>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "bench_floor.hpp"
 #include "modbasic.hpp"
@@ -124,6 +125,31 @@ BENCHMARK(BM_growth)
     ->ArgNames({"step", "animals"})
     ->Unit(benchmark::kMillisecond);
 
+/// The pedigree with its animals along the maternal lines: each one right behind its dam, or behind an older
+/// sib with all of its own offspring.
+pedigree_type in_maternal_lines() {
+    const matrix<std::int32_t>& ped = pedigree().ped;
+    const auto n = static_cast<std::int32_t>(ped.cols());
+    std::vector<std::int32_t> eldest(static_cast<std::size_t>(n) + 1, 0), next(eldest), code(eldest);
+    for (std::int32_t i = n; i >= 1; --i) next[i] = std::exchange(eldest[ped(1, i - 1)], i);
+    std::int32_t given = 0;
+    std::vector<std::int32_t> open{eldest[0]};
+    while (!open.empty()) {
+        const std::int32_t i = open.back();
+        open.pop_back();
+        if (i == 0) continue;
+        code[i] = ++given;
+        open.push_back(next[i]);
+        open.push_back(eldest[i]);
+    }
+    pedigree_type renumbered;
+    renumbered.nupg = 0;
+    renumbered.ped = matrix<std::int32_t>(2, n);
+    for (std::int32_t i = 1; i <= n; ++i)
+        for (std::int64_t k = 0; k < 2; ++k) renumbered.ped(k, code[i] - 1) = code[ped(k, i - 1)];
+    return renumbered;
+}
+
 /// A-inverse times six columns beside a floor: the bytes of the matrix and of both dense arrays at the rate
 /// of streaming, and the reads and additions at the positions of the elements beside the diagonal, as a loop
 /// over random positions takes them; both measured in the same run.
@@ -131,7 +157,10 @@ void BM_ainverse_product(benchmark::State& state) {
     const bench::thread_count threads(state.range(0));
     constexpr std::int64_t columns = 6;
     pedigree_type ped;
-    ped.ped = pedigree().ped;
+    if (state.range(1) != 0)
+        ped = in_maternal_lines();
+    else
+        ped.ped = pedigree().ped;
     ped.nupg = 0;
     logger log;
     ped.computeinbreeding_ped({2, ""}, log);
@@ -160,9 +189,8 @@ void BM_ainverse_product(benchmark::State& state) {
     state.counters["elements"] = elements;
 }
 BENCHMARK(BM_ainverse_product)
-    ->ArgName("threads")
-    ->Arg(1)
-    ->Arg(2)
+    ->ArgNames({"threads", "maternal_lines"})
+    ->ArgsProduct({{1, 2}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
