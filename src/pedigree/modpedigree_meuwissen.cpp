@@ -32,7 +32,12 @@ struct shares {
     }
     [[nodiscard]] bool none() const { return all_below(std::numeric_limits<double>::denorm_min()); }
     [[nodiscard]] double operator[](std::size_t lane) const { return lane < 2 ? low[lane] : high[lane - 2]; }
-    void set(std::size_t lane, double share) { (lane < 2 ? low : high)[lane % 2] = share; }
+    void set(std::size_t lane, double share) {
+        if (lane < 2)
+            low[lane] = share;
+        else
+            high[lane - 2] = share;
+    }
     void operator+=(const shares& other) {
         low += other.low;
         high += other.high;
