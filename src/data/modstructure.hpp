@@ -2,44 +2,55 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "modplink.hpp"
 #include "modsparse_crs.hpp"
 #include "modview.hpp"
+
+namespace miraculix {
+struct compressed_store;
+}
 
 namespace zendar {
 
 class logger;
 struct param_type;
 
-/// The records of the phenotype file. All matrices have one column per record, so that a record is contiguous.
+/// The records of the phenotype file. All matrices have one column per record, so that a record is
+/// contiguous.
 struct phenotype_data {
-    matrix<double> phen;         ///< ntrait x nrec
-    matrix<std::int32_t> effect; ///< (neffect + nnested + 1) x nrec: levels, nesting levels, residual class
+    matrix<double> phen;          ///< ntrait x nrec
+    matrix<std::int32_t> effect;  ///< (neffect + nnested + 1) x nrec: levels, nesting levels, residual class
     std::vector<std::int32_t> combitrait;  ///< nrec: trait combination, from 1
-    matrix<double> weight;       ///< ntrait x nrec, or empty
+    matrix<double> weight;                 ///< ntrait x nrec, or empty
 };
 
-/// The content of a coefficient file, in one of two stores: `value`, or `sparse` for a huge effect with a ".sparse"
-/// file.
+/// The content of a coefficient file, in one of three stores: `value`, `sparse` for a huge effect with a
+/// ".sparse" file, or `plink` for one with a ".bed" file.
 struct covariable_data {
     std::vector<std::int32_t> indice;  ///< [level - 1]: row of the level, from 1; 0: no coefficients
     matrix<double> value;              ///< coefficients x rows
     crssparse sparse;                  ///< rows x coefficients, sorted by column
+    plink_genotypes plink;             ///< rows x coefficients, two bits each
 
     [[nodiscard]] bool is_sparse() const { return sparse.getdim(1) > 0; }
+    [[nodiscard]] bool is_plink() const { return plink.nrow > 0; }
     [[nodiscard]] std::int64_t bytes() const;
 };
 
 /// The coefficients of one covariable effect. A copy shares the data, which nobody changes once it is read.
 struct covariable_type {
     std::shared_ptr<const covariable_data> data;  ///< null: nothing was read
-    bool compressed = false;                      ///< the genotypes stand in the compressed store
-    bool miraculix = false;                       ///< the effect goes through the genotype engine
-    std::vector<double> allelefreq;               ///< per coefficient
-    std::int64_t nmissing = 0;                    ///< missing genotypes
+    /// The genotypes in the compressed store, whose products the effect then takes; null: not in use.
+    std::shared_ptr<::miraculix::compressed_store> compressed;
+    std::int32_t miraculix = 0;  ///< 0: not through the genotype library; 10: CPU; 20: GPU
+    std::vector<double>
+        allelefreq;             ///< per coefficient: frequency of the second allele; empty without genotypes
+    std::int64_t nmissing = 0;  ///< missing genotypes
 
     covariable_type() = default;
     covariable_type(std::vector<std::int32_t> indice, matrix<double> value);
@@ -53,6 +64,7 @@ struct covariable_type {
         return data ? std::span<const std::int32_t>(data->indice) : std::span<const std::int32_t>();
     }
     [[nodiscard]] bool is_sparse() const { return data && data->is_sparse(); }
+    [[nodiscard]] bool is_plink() const { return data && data->is_plink(); }
 
     /// Row of a level, 0 when the level has no coefficients or lies outside the table.
     [[nodiscard]] std::int32_t row_of(std::int32_t level) const {
@@ -61,7 +73,8 @@ struct covariable_type {
     }
 };
 
-// ---- coefficient files (modstructure_covariable*.cpp) ------------------------------------------------------
+// ---- coefficient files (modstructure_covariable*.cpp)
+// ------------------------------------------------------
 
 /// Reads the file `param.cov_file` of effect e. The text behind its last "." decides on the form:
 ///
@@ -71,7 +84,9 @@ struct covariable_type {
 ///            then for each row
 ///            int32    id
 ///            float64  coefficients
-/// ".bed"     not implemented: fatal
+/// ".bed"     PLINK genotypes, see `readcovariable_bed`; the name may also be the stem of the three files
+/// when
+///            the effect is a huge one
 /// other      text; a line is id, then N_COV coefficients
 ///
 /// In the text forms blanks, tabs or one comma separate values; a line holds all of its values and nothing
@@ -81,7 +96,10 @@ struct covariable_type {
 /// A ".sparse" file of a covariable (TYPE_EFFECT 1) is held dense, that of a huge effect as compressed rows;
 /// beside the result it needs 4 bytes for each of its lines, and 16 while it is sorted.
 /// @throws fatal_error  with the file and its first bad line.
-void readcovariable(covariable_type& cov, const param_type& param, std::int32_t e, logger& log);
+///
+/// @param maxcols  columns that products of the genotype library will have at most; 0: the number of traits.
+void readcovariable(covariable_type& cov, const param_type& param, std::int32_t e, logger& log,
+                    std::int32_t maxcols = 0);
 
 /// Shares the data of the effect whose number is the stem of the file, `cov[number - 1]`, with effect e.
 /// @throws fatal_error  unless that is an effect before e with as many coefficients.
@@ -94,11 +112,41 @@ void check_ncol_checkval(std::int32_t e, std::int64_t effective, std::int64_t de
 /// The text behind the last "." of a coefficient file's name; empty without one.
 [[nodiscard]] std::string covariable_extension(const std::string& file);
 
-/// Coefficient (from 1) of a row (from 1) in either store; 0.0 outside.
+// ---- genotypes (modstructure_bed.cpp, modstructure_allelefreq.cpp)
+// -----------------------------------------
+
+/// Individuals x SNPs of a packed matrix, from `<stem>.bed`, `.bim` and `.fam`:
+///
+/// .bed  bytes 108, 27, 1, then ceil(individuals / 4) bytes for each SNP, see `plink_genotypes`
+/// .bim  a line for each SNP
+/// .fam  a line for each individual. If all second words are integers, they are the levels, as the ids of the
+/// other
+///       forms; otherwise the levels are the line numbers.
+///
+/// The frequencies of the second allele come from `!allelefreq` or from the genotypes. A missing genotype is
+/// the mean; in the compressed store it counts as 0 before centring. A covariable (TYPE_EFFECT 1) is held
+/// dense, centred.
+/// @throws fatal_error  with the file, and its first bad line.
+void readcovariable_bed(covariable_type& cov, const param_type& param, std::int32_t e, std::int32_t maxcols,
+                        logger& log);
+
+/// Sets `cov.allelefreq` from the file that `!allelefreq` names for effect e (a line for each SNP, with its
+/// frequency), without one from the counts of the genotypes: 0 for a SNP whose genotypes are all missing.
+/// @throws fatal_error  with the file and its first bad line.
+void readallelefreq(covariable_type& cov, const param_type& param, std::int32_t e,
+                    std::span<const plink_counts> counts, logger& log);
+
+/// Copies the genotypes into the compressed store.
+/// @param usegpu  0: the products run on the CPU; absent: on the GPU.
+void init_miraculix(covariable_type& cov, std::int32_t maxcols, std::optional<std::int32_t> usegpu,
+                    logger& log);
+
+/// Coefficient (from 1) of a row (from 1) in any store; 0.0 outside. A genotype comes centred, as in the
+/// products.
 [[nodiscard]] double getval(const covariable_type& cov, std::int32_t row, std::int32_t coefficient);
 /// Coefficient of a level; 0.0 for a level without coefficients.
 [[nodiscard]] double getvalue(const covariable_type& cov, std::int32_t level, std::int32_t coefficient);
-/// The same as the real value in use, and as the nearest integer (a genotype).
+/// The same as the real value in use, and as the nearest integer; a genotype as 0, 1, 2 or, missing, 3.
 [[nodiscard]] double getvalue_val(const covariable_type& cov, std::int32_t level, std::int32_t coefficient);
 [[nodiscard]] std::int32_t getvalue_ival(const covariable_type& cov, std::int32_t level,
                                          std::int32_t coefficient);

@@ -1,13 +1,16 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include "modbasic.hpp"
 #include "modenum.hpp"
 #include "modparameters.hpp"
+#include "modplink_decode.hpp"
 #include "modstructure.hpp"
 #include "modstructure_covariable_detail.hpp"
 
@@ -83,7 +86,21 @@ using detail::covariable_procedure;
 /// Coefficients of a level, in either store.
 std::int64_t coefficients_of(const covariable_type& cov) {
     if (!cov.data) return 0;
+    if (cov.is_plink()) return cov.data->plink.ncol;
     return cov.is_sparse() ? cov.data->sparse.getdim(2) : cov.data->value.rows();
+}
+
+/// Genotype of a row of the packed matrix, both from 1; 3 when it is missing, 0 outside.
+std::int32_t packed_genotype(const covariable_type& cov, std::int32_t row, std::int32_t coefficient) {
+    const plink_genotypes& plink = cov.data->plink;
+    if (row < 1 || row > plink.nrow || coefficient < 1 || coefficient > plink.ncol) return 0;
+    return static_cast<std::int32_t>(detail::genotype_of(plink.code(row - 1, coefficient - 1)));
+}
+
+/// A stem stands for its ".bed" file, unless a file of that name exists.
+bool is_stem(const std::string& name) {
+    std::error_code unreadable;
+    return !std::filesystem::exists(name, unreadable) && std::filesystem::exists(name + ".bed", unreadable);
 }
 
 /// A whole text as an effect number; 0 when it is none.
@@ -108,7 +125,8 @@ void check_ncol_checkval(std::int32_t e, std::int64_t effective, std::int64_t de
               covariable_module, "check_ncol_checkval");
 }
 
-void readcovariable(covariable_type& cov, const param_type& param, std::int32_t e, logger& log) {
+void readcovariable(covariable_type& cov, const param_type& param, std::int32_t e, logger& log,
+                    std::int32_t maxcols) {
     cov = {};
     covariable_file file;
     file.name = trim(param.cov_file[e - 1]);
@@ -118,11 +136,10 @@ void readcovariable(covariable_type& cov, const param_type& param, std::int32_t 
     file.dense = !is_huge_effect(param.type_effect[e - 1]);
 
     const std::string extension = covariable_extension(file.name);
-    if (extension == "bed")
-        fatal(log,
-              "The genotypes of effect " + inttochar(e) +
-                  " cannot be read: .bed files are not implemented: " + file.name,
-              covariable_module, covariable_procedure);
+    if (extension == "bed" || (!file.dense && is_stem(file.name))) {
+        readcovariable_bed(cov, param, e, maxcols, log);
+        return;
+    }
     covariable_data data;
     if (extension == "sparse")
         data = read_covariable_sparse(file, {}, log);
@@ -148,6 +165,13 @@ void readcovariable_aseffect(std::span<covariable_type> cov, const param_type& p
 
 double getval(const covariable_type& cov, std::int32_t row, std::int32_t coefficient) {
     if (cov.is_sparse()) return cov.data->sparse.get(row, coefficient);
+    if (cov.is_plink()) {
+        const plink_genotypes& plink = cov.data->plink;
+        if (row < 1 || row > plink.nrow || coefficient < 1 || coefficient > plink.ncol) return 0.0;
+        const double genotype = packed_genotype(cov, row, coefficient),
+                     twof = 2.0 * cov.allelefreq[coefficient - 1];
+        return cov.compressed && genotype == 3.0 ? -twof : detail::centred(genotype, twof);
+    }
     const auto value = cov.values();
     if (row < 1 || row > value.cols || coefficient < 1 || coefficient > value.rows) return 0.0;
     return value(coefficient - 1, row - 1);
@@ -162,6 +186,7 @@ double getvalue_val(const covariable_type& cov, std::int32_t level, std::int32_t
 }
 
 std::int32_t getvalue_ival(const covariable_type& cov, std::int32_t level, std::int32_t coefficient) {
+    if (cov.is_plink()) return packed_genotype(cov, cov.row_of(level), coefficient);
     return narrow<std::int32_t>(std::llround(getvalue(cov, level, coefficient)));
 }
 

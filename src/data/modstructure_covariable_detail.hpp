@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "modlogger.hpp"
@@ -34,6 +35,9 @@ covariable_data read_covariable_stream(const covariable_file& file, logger& log)
 /// Logs the declared and the effective sizes; `coefficients` is absent in a form that does not tell.
 void report_covariable(const covariable_file& file, std::int64_t levels,
                        std::optional<std::int64_t> coefficients, std::int32_t largest_id, logger& log);
+
+/// Word number `which` (from 1) of a line, split at blanks and tabs; empty when there are fewer.
+std::string_view word_of(std::string_view line, std::int32_t which);
 
 [[noreturn]] void stop_unreadable(const covariable_file& file, const file_error& failure, logger& log);
 [[noreturn]] void stop_at_line(const covariable_file& file, std::int64_t line, int iostat,

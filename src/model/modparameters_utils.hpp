@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,16 @@ void readdata_phen_ascii(param_type& param, phenotype_data& data, logger& log);
 /// gets one element per effect, and none when the model has no covariable effect.
 /// @throws fatal_error  for an effect without a file, and as `readcovariable`.
 void readdata_cov_ascii(const param_type& param, std::vector<covariable_type>& cov, logger& log);
+
+/// Reads or computes the inverse covariances of each group of huge effects, see modstructure_hugecov.hpp; the
+/// latter where "compute" stands in place of a file's name. `ghuge` gets one element per effect, null except
+/// for the first effect of a group, and none when the model has no huge effect. A huge effect without
+/// EFFECT_ID is a fixed one.
+/// @param cov  one per effect.
+/// @throws fatal_error  for a random type that huge effects do not have, for an effect of two groups, and as
+///                      the readers.
+void readdata_hugecov_ascii(const param_type& param, std::span<const covariable_type> cov,
+                            std::vector<std::unique_ptr<crssparse>>& ghuge, logger& log);
 
 /// Reads the pedigree of each effect that has one, and then its inbreeding coefficients or computes them; with
 /// metafounders also their relationships. @returns one element per effect, null for those without.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <string>
 
+#include "miraculix.hpp"
 #include "modbasic.hpp"
 #include "modenum.hpp"
 #include "modparameters_utils.hpp"
@@ -26,6 +27,7 @@ void readdata_cov_ascii(const param_type& param, std::vector<covariable_type>& c
         }
         readcovariable(cov[e - 1], param, e, log);
         bytes += cov[e - 1].data->bytes();
+        if (cov[e - 1].compressed) bytes += miraculix::memory_of(cov[e - 1].compressed.get());
     }
     log.message("Memory (MB) needed for cov   : " + realtochar(mib(bytes), "(f0.2)"));
 }

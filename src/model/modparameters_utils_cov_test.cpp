@@ -82,12 +82,29 @@ TEST(ReaddataCovAscii, StopsAtAReferenceToAnEffectWithoutData) {
               "Check the covariate file 1.as_effect for effect 2");
 }
 
-TEST(ReaddataCovAscii, StopsAtGenotypeFiles) {
+TEST(ReaddataCovAscii, CountsTheMemoryOfGenotypes) {
+    const test::temporary_directory directory;
+    const std::int32_t nsnp = 4'000;
+    std::string bim, fam;
+    for (std::int32_t k = 1; k <= nsnp; ++k) bim += "snp\n";
+    for (std::int32_t k = 1; k <= 1'000; ++k) fam += "f " + std::to_string(k) + "\n";
+    directory.write("geno.bed", "\x6C\x1B\x01" + std::string(250 * nsnp, '\x02'));
+    directory.write("geno.bim", bim);
+    directory.write("geno.fam", fam);
+    param_type param = effects({3}, {(directory / "geno.bed").string()});
+    param.n_level = {1'000};
+    param.n_cov = {nsnp};
     std::vector<covariable_type> cov;
     captured_log log;
 
-    EXPECT_THAT(fatal_message([&] { readdata_cov_ascii(effects({3}, {"geno.bed"}), cov, log); }),
-                HasSubstr("not implemented: geno.bed"));
+    readdata_cov_ascii(param, cov, log);
+    EXPECT_THAT(log.text(),
+                EndsWith("Memory (MB) needed for cov   : .96\n"));  // 250 * 4,000 + 4 * 1,000 bytes
+
+    param.miraculix = {1};
+    readdata_cov_ascii(param, cov, log);
+    EXPECT_NE(cov[0].compressed, nullptr);
+    EXPECT_THAT(log.text(), testing::Not(EndsWith(": .96\n")));  // the compressed store as well
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 #include <string>
 
 #include "modbasic.hpp"
@@ -47,6 +48,48 @@ column_sum sum_column(std::span<const triplet> row, std::size_t& k) {
     return sum;
 }
 
+/// Row and column of a line, both from 1 to n.
+const char* parse_position(const char* p, std::int32_t n, std::int64_t (&position)[2], record_fault& fault) {
+    for (int k = 0; k < 2; ++k) {
+        p = parse_integer(p, k + 1, position[k], fault);
+        if (fault.kind != record_fault_kind::none) return p;
+        if (position[k] >= 1 && position[k] <= n) continue;
+        fault.set(record_fault_kind::out_of_range, k + 1, inttochar(position[k]));
+        fault.limit = n;
+        return p;
+    }
+    return p;
+}
+
+/// The value behind the position, and nothing else.
+const char* parse_value(const char* p, double& value, record_fault& fault) {
+    const char* const first = p;
+    p = parse_record(p, {&value, 1}, fault);
+    if (fault.kind == record_fault_kind::blank_line) fault.kind = record_fault_kind::short_line;
+    if (fault.kind != record_fault_kind::none) {
+        fault.value += 2;
+        return p;
+    }
+    if (!std::isfinite(value)) {
+        fault.set(record_fault_kind::not_finite, 3, record_word(first, 1));
+        return p;
+    }
+    if (count_values(first, p) != 1) {
+        fault.set(record_fault_kind::more_values, 0);
+        return p;
+    }
+    return parse_line_end(p, fault);
+}
+
+/// Row and column of an element of the upper triangle.
+struct upper_position {
+    std::int32_t row = 0, column = 0;
+};
+upper_position in_upper_triangle(const std::int64_t (&position)[2]) {
+    const auto [least, most] = std::minmax(position[0], position[1]);
+    return {static_cast<std::int32_t>(least), static_cast<std::int32_t>(most)};
+}
+
 }  // namespace
 
 std::int64_t merge_symmetric(std::span<triplet> row) {
@@ -61,6 +104,15 @@ std::int64_t merge_symmetric(std::span<triplet> row) {
 
 std::int64_t merge_sum(std::span<triplet> row) {
     return merge_symmetric(row);  // there is one triangle
+}
+
+std::int64_t merge_unique(std::span<triplet> row) {
+    const auto same_column = [](const triplet& a, const triplet& b) {
+        return std::abs(a.key) == std::abs(b.key);
+    };
+    if (std::ranges::adjacent_find(row, same_column) != row.end()) return -1;
+    for (triplet& element : row) element.key = std::abs(element.key);
+    return std::ssize(row);
 }
 
 triplet_conflict find_conflict(std::span<const triplet> row) {
@@ -153,6 +205,49 @@ crssparse triplet_rows::to_crs(std::int32_t ncol, bool lupperstorage, logger& lo
     crs.setsorted(true);
     if (lupperstorage) crs.setsymmetric();
     return crs;
+}
+
+record_fault read_symmetric_triplets(const block_file& text, triplet_rows& elements) {
+    const std::int32_t n = elements.nrow();
+    record_fault fault =
+        read_lines(text, text.lines(), [&](const char* p, std::int64_t, record_fault& found) {
+            std::int64_t position[2] = {};
+            p = parse_position(p, n, position, found);
+            if (found.kind == record_fault_kind::none) elements.count(in_upper_triangle(position).row);
+            return p;
+        });
+    if (fault.kind != record_fault_kind::none) return fault;
+    elements.allocate();
+    return read_lines(text, text.lines(), [&](const char* p, std::int64_t, record_fault& found) {
+        std::int64_t position[2] = {};
+        double value = 0.0;
+        p = parse_position(p, n, position, found);
+        if (found.kind == record_fault_kind::none) p = parse_value(p, value, found);
+        if (found.kind != record_fault_kind::none) return p;
+        const auto [row, column] = in_upper_triangle(position);
+        if (!elements.put(row, position[0] > position[1] ? -column : column, value))
+            found.set(record_fault_kind::file_changed, 0);
+        return p;
+    });
+}
+
+std::vector<std::int64_t> lines_of_element(const block_file& text, std::int32_t n, std::int32_t row,
+                                           std::int32_t column) {
+    std::vector<std::int64_t> lines;
+    std::mutex access;
+    read_lines(text, text.lines(), [&](const char* p, std::int64_t line, record_fault& fault) {
+        std::int64_t position[2] = {};
+        p = parse_position(p, n, position, fault);
+        if (fault.kind != record_fault_kind::none) return p;
+        const upper_position upper = in_upper_triangle(position);
+        if (upper.row == row && upper.column == column) {
+            const std::lock_guard lock(access);
+            lines.push_back(line);
+        }
+        return p;
+    });
+    std::ranges::sort(lines);
+    return lines;
 }
 
 }  // namespace zendar::detail

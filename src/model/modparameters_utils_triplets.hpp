@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "modlogger.hpp"
+#include "modparameters_utils_lines.hpp"
 #include "modsparse_crs.hpp"
 
 /// Lines "row, column, value" in any order, as rows of a matrix. What the readers of the input data share;
@@ -26,6 +27,9 @@ std::int64_t merge_sum(std::span<triplet> row);
 /// The elements of each triangle add up; an element of both triangles counts once. -1 when the sums of the
 /// two triangles differ by more than rounding, or one is not finite.
 std::int64_t merge_symmetric(std::span<triplet> row);
+
+/// Nothing adds up. -1 when an element stands more than once, be it in both triangles.
+std::int64_t merge_unique(std::span<triplet> row);
 
 /// The sums of the elements of the first column that keeps `merge_symmetric` from its work.
 struct triplet_conflict {
@@ -50,6 +54,7 @@ class triplet_rows {
 
     /// After `merge`: the elements of a row, by column.
     [[nodiscard]] std::span<const triplet> row(std::int32_t row) const;
+    [[nodiscard]] std::int32_t nrow() const noexcept { return nrow_; }
     [[nodiscard]] std::int64_t bytes() const;
     /// As compressed rows; with `lupperstorage` every row gets a stored diagonal, and the matrix is
     /// symmetric. The elements are released. @throws fatal_error  when 32-bit indices cannot count the
@@ -62,5 +67,15 @@ class triplet_rows {
     std::vector<std::int64_t> end_;    // [row - 1]: behind the last element that was put
     std::vector<triplet> elements_;
 };
+
+/// Reads the lines "i j value" of an indexed file into the rows of the upper triangle; i and j count from 1
+/// to their number. A line holds three values, the third one finite, and nothing else.
+/// @returns the fault of the first bad line.
+record_fault read_symmetric_triplets(const block_file& text, triplet_rows& elements);
+
+/// The lines of such a file, once it was read without fault, that give the element (row, column) or its
+/// mirror image, ascending.
+std::vector<std::int64_t> lines_of_element(const block_file& text, std::int32_t n, std::int32_t row,
+                                           std::int32_t column);
 
 }  // namespace zendar::detail
