@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cassert>
 
-#include "modblas.hpp"
 #include "modgeneral.hpp"
 #include "modgeneral_detail.hpp"
+#include "modstructure_product.hpp"
 
 namespace zendar {
 
@@ -41,19 +41,13 @@ void check_pair(const param_type& param, std::span<const covariable_type> cov, s
     if (param.type_effect[from - 1] == teff_class || param.n_level_nested[from - 1] > 0 ||
         std::ssize(cov) < param.neffect)
         does_not_fit(log, "effect " + inttochar(from) + " has no covariates");
-    const covariable_type& c = cov[from - 1];
-    if (c.compressed || c.miraculix)
-        fatal(log,
-              "This type of effect " + inttochar(param.type_random_eff[from - 1]) +
-                  " is not implemented with compressed covariables",
-              "modgeneral", aggregate_procedure);
-    if (c.values().rows != param.nx[from])
+    if (coefficient_columns(cov[from - 1]) != param.nx[from])
         does_not_fit(log, "effect " + inttochar(from) + " has no covariates");
 }
 
 /// aggregate(to, level, t) += coefficients of the level in effect `from` times the solutions of `from`.
 void add_covariates(const param_type& param, std::span<const double> solutions, const covariable_type& cov,
-                    std::int32_t from, std::int32_t to, std::span<double> aggregate) {
+                    std::int32_t from, std::int32_t to, std::span<double> aggregate, logger& log) {
     const std::int64_t ntrait = param.ntrait;
     const std::int64_t nx = param.nx[from];
 
@@ -62,8 +56,8 @@ void add_covariates(const param_type& param, std::span<const double> solutions, 
         for (std::int64_t k = 0; k < nx; ++k)
             effects(k, t) = solutions[param.sumequation[from] + k * ntrait +
                                       slot_of(param, static_cast<std::int32_t>(t + 1), from) - 1];
-    matrix<double> sums(cov.values().cols, ntrait);
-    if (nx > 0 && !sums.empty()) blas_dgemm(true, false, 1.0, cov.values(), effects.view(), 0.0, sums.view());
+    matrix<double> sums(coefficient_rows(cov), ntrait);
+    if (nx > 0 && !sums.empty()) multiply_coefficients(cov, 'n', effects.view(), sums.view(), log);
 
     for (std::int32_t t = 1; t <= ntrait; ++t) {
         // Traits that share a slot share one solution, which takes the sum once.
@@ -94,7 +88,7 @@ void computeaggregatesolutions(const param_type& param, std::span<const double> 
         log.message("Addition of covariates*solutions of effect " + inttochar(pair.effect1) + " + effect " +
                     inttochar(pair.effect2));
         check_pair(param, cov, pair.effect1, pair.effect2, log);
-        add_covariates(param, solutions, cov[pair.effect1 - 1], pair.effect1, pair.effect2, sum);
+        add_covariates(param, solutions, cov[pair.effect1 - 1], pair.effect1, pair.effect2, sum, log);
     }
     for (std::int32_t e = 1; e <= param.neffect; ++e) {
         if (param.type_random_eff[e - 1] != 22) continue;
@@ -102,7 +96,7 @@ void computeaggregatesolutions(const param_type& param, std::span<const double> 
         log.message("Computation of covariates*solutions of SNP effect " + inttochar(e) +
                     " + animal effect " + inttochar(link));
         check_pair(param, cov, e, link, log);
-        add_covariates(param, solutions, cov[e - 1], e, link, sum);
+        add_covariates(param, solutions, cov[e - 1], e, link, sum, log);
     }
     aggregatesolutions = std::move(sum);
 }

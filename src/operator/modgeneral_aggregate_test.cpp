@@ -177,18 +177,18 @@ TEST(Computeaggregatesolutions, RefusesEffectsThatDoNotFit) {
     EXPECT_EQ(g.error(), "Internal error: effect 0 does not exist");
 }
 
-TEST(Computeaggregatesolutions, RefusesCompressedCovariables) {
+TEST(Computeaggregatesolutions, AddsGenotypesAsTheProductsOfTheModelHaveThem) {
     groups g;
-    g.model.param.type_random_eff[0] = 20;
-    g.cov[0].compressed = true;
-    const std::string text = "This type of effect 20 is not implemented with compressed covariables";
-
-    EXPECT_EQ(g.error(), text);
-    g.cov[0].compressed = false;
-    g.cov[0].miraculix = true;
+    auto data = std::make_shared<covariable_data>();
+    data->indice = {2, 0, 1};
+    data->plink = plink_genotypes(2, 2);
+    data->plink.column(0)[0] = 0b0111;  // individuals: 11, 01
+    data->plink.column(1)[0] = 0b1000;  // 00, 10
+    g.cov[0].data = data;
+    g.cov[0].allelefreq = {0.25, 0.5};
     captured_log log;
-    EXPECT_EQ(fatal_text([&] { g.aggregate(log); }), text);
-    EXPECT_THAT(log.text(), HasSubstr("modgeneral % computeaggregatesolutions ("));
+    // Centred: 1.5 and -1 for the first individual, 0 (missing) and 0 for the second one.
+    EXPECT_THAT(g.aggregate(log), ElementsAre(1, 10, 2, 20, 100, 200, 300, 400, 500 - 0.5, 600 - 5));
 }
 
 std::vector<std::string> files_of(const temporary_directory& here) {

@@ -1,7 +1,9 @@
 #include "modbasic.hpp"
 #include "modmmeiod_a22i.hpp"
+#include "modmmeiod_huge.hpp"
 #include "modrandom.hpp"
 #include "modstats.hpp"
+#include "modstructure_product.hpp"
 
 namespace zendar {
 
@@ -26,6 +28,44 @@ std::vector<double> computediaga22i(a22_inverse& a22i, logger& log) {
     for (double& value : diagonal) value /= static_cast<double>(iterations * columns);
     log.message("End of Gibbs sampler - wall clock time (s): " + realtochar(clock.seconds(), "(f0.3)"));
     return diagonal;
+}
+
+namespace {
+
+/// The diagonal of M B M' for the symmetric B of a block, by groups of SNPs.
+std::vector<double> diagonal_between(const covariable_type& cov, modmmeiod::single_step_block& block) {
+    constexpr std::int64_t most = 32;  // columns that are solved for together
+    const std::int64_t nrow = coefficient_rows(cov), nsnp = coefficient_columns(cov);
+    matrix<double> m(nrow, std::min(most, nsnp)), v(nrow, m.cols());
+    std::vector<double> diagonal;
+    for (std::int64_t first = 0; first < nsnp; first += most) {
+        const std::int64_t n = std::min(most, nsnp - first);
+        const matrix_view<double> columns{m.data(), nrow, n, nrow}, products{v.data(), nrow, n, nrow};
+        expand_coefficients(cov, first, columns);
+        block.between_genotypes(columns, products);
+        for (std::int64_t j = 0; j < n; ++j) {
+            double sum = 0.0;
+            for (std::int64_t i = 0; i < nrow; ++i) sum += columns(i, j) * products(i, j);
+            diagonal.push_back(sum);
+        }
+    }
+    return diagonal;
+}
+
+}  // namespace
+
+std::vector<double> computema22mina21a11ia12m_all(const covariable_type& cov,
+                                                  modmmeiod::single_step_block& block, logger& log) {
+    log.message("Start the computation of diag(M*(A^22-A^21*inv(A^11)*A^12)*M) for " +
+                inttochar(coefficient_columns(cov)) + " SNPs");
+    return diagonal_between(cov, block);
+}
+
+std::vector<double> computema22pa21a11ia12m_all(const covariable_type& cov,
+                                                modmmeiod::single_step_block& block, logger& log) {
+    log.message("Start the computation of diag(M*(A^diff+A^21*inv(A^11)*A^12)*M) for " +
+                inttochar(coefficient_columns(cov)) + " SNPs");
+    return diagonal_between(cov, block);
 }
 
 }  // namespace zendar

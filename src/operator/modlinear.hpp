@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <span>
 
+#include "modview.hpp"
+
 /// What a solver knows of a system C x = b. All vectors have length `size()`; spans of one call do not
 /// overlap.
 namespace zendar {
@@ -29,6 +31,17 @@ class linear_system : public linear_operator {
     virtual bool read_savedb(std::span<double> b) = 0;
     /// Doubles of the work arrays, for the announcement of memory.
     [[nodiscard]] virtual std::int64_t work_size() const = 0;
+};
+
+/// The last equations of a system, from `first_structured()` (from 0) on: products among them alone, with
+/// many vectors at once, cost much less than as many products of the whole.
+class structured_operator {
+  public:
+    virtual ~structured_operator() = default;
+
+    [[nodiscard]] virtual std::int64_t first_structured() const = 0;
+    /// r = C x among these equations; both have a row for each of them. r is overwritten.
+    virtual void atimesx_onlyhuge(matrix_view<const double> x, matrix_view<double> r) = 0;
 };
 
 /// M^-1, an approximation of C^-1.

@@ -56,6 +56,9 @@ struct record_term;
 
 struct record_input;
 struct equation_bounds;
+struct ls_kernel;
+struct huge_effect;
+class single_step_block;
 
 /// The inverse residual matrices of all trait combinations and classes in one array.
 struct residual_table {
@@ -88,6 +91,8 @@ struct operator_state {
     double weightupg = 0.0;                      ///< on the diagonal of random groups
     std::vector<std::unique_ptr<a22_inverse>> asparsesub;  ///< [e - 1]: of the types with a part of A22^-1
     double a22i_weight = 0.0;                              ///< of A22^-1: tau / beta - omega
+    std::vector<huge_effect> huge;                         ///< one per huge effect
+    std::vector<std::unique_ptr<single_step_block>> single_step;  ///< of the groups of type 22 and 30
     residual_table rinv;
     std::vector<record_term> terms;    ///< one per effect that the record step reads
     std::vector<record_block> blocks;  ///< one per thread
@@ -95,6 +100,7 @@ struct operator_state {
     std::vector<part_array> residual;
     page_array<double> tmpvector;    ///< of the products with sparse matrices
     std::vector<double> tmpvector1;  ///< of the products with A22^-1
+    std::vector<double> tmpvector2;  ///< of the products with huge effects
 
     operator_state();
     ~operator_state();
@@ -105,12 +111,14 @@ struct operator_state {
 }  // namespace modmmeiod
 
 /// C on the data.
-class mme_iod final : public linear_system {
+class mme_iod final : public linear_system, public structured_operator {
   public:
     /// All arguments live as long as the operator. `data.phen` may be empty when "phentmp.stream" holds it.
-    /// `ped` has one element per effect, or none when no effect has a pedigree.
+    /// `ped` has one element per effect, or none when no effect has a pedigree; `ghuge` likewise: the inverse
+    /// covariances of each group of huge effects, upper triangle, over the equations of the group.
     mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov, logger& log,
-            std::span<const std::unique_ptr<pedigree_type>> ped = {});
+            std::span<const std::unique_ptr<pedigree_type>> ped = {},
+            std::span<const std::unique_ptr<crssparse>> ghuge = {});
     ~mme_iod() override;
 
     /// Reads external matrices, inverts the residual matrices, prepares the random effects and chooses the
@@ -127,7 +135,12 @@ class mme_iod final : public linear_system {
     bool read_savedb(std::span<double> b) override;
     [[nodiscard]] std::int64_t work_size() const override;
 
-    /// r = Z' R^-1 Z x, by the kernel that was chosen.
+    [[nodiscard]] std::int64_t first_structured() const override;
+    void atimesx_onlyhuge(matrix_view<const double> x, matrix_view<double> r) override;
+
+    /// Makes Z x of the huge effects that the records meet.
+    void compute_sumestimates(std::span<const double> x);
+    /// r = Z' R^-1 Z x, by the kernel that was chosen. `compute_sumestimates` was called for this x.
     void computeleastsquarepart(std::span<const double> x, std::span<double> r);
     /// r += G^-1 x for all random effects. Steps that are timed are appended to the text.
     void computerandompart(std::span<const double> x, std::span<double> r, std::string& text);
@@ -136,10 +149,23 @@ class mme_iod final : public linear_system {
     [[nodiscard]] const param_type& param() const { return param_; }
     [[nodiscard]] const phenotype_data& data() const { return data_; }
     [[nodiscard]] std::span<const covariable_type> cov() const { return cov_; }
+    [[nodiscard]] std::span<const std::unique_ptr<crssparse>> ghuge() const { return ghuge_; }
+    /// The diagonal of what an SNP effect of random type 22 (from 1) has of A^-1; empty for other effects.
+    [[nodiscard]] std::vector<double> diagonal_of_snps(std::int32_t e) const;
 
   private:
     [[nodiscard]] modmmeiod::record_input records() const;
+    [[nodiscard]] const modmmeiod::ls_kernel* kernel() const;
+    /// Leaves the sums of huge effects pending.
     void least_squares(const modmmeiod::record_input& in, std::span<double> r);
+    void summarize(modmmeiod::huge_effect& huge, std::span<double> r);
+    void summarize_all(std::span<double> r);
+    void computerandompart_huge(std::span<const double> x, std::span<double> r, std::string& text);
+    void atimesx_onlyhuge_onlymzrizm_1(std::span<const matrix<double>> zx,
+                                       std::span<matrix<double>> sums) const;
+    void setup_huge_effects();
+    void setup_single_step(std::int32_t e);
+    void check_type_23() const;
     void write_thread_effect(std::span<const modmmeiod::equation_bounds> bounds, std::int64_t nthread) const;
     void assign_computeleastsquare();
     void setleastsquarepart_full();
@@ -156,6 +182,7 @@ class mme_iod final : public linear_system {
     const phenotype_data& data_;
     std::span<const covariable_type> cov_;
     std::span<const std::unique_ptr<pedigree_type>> ped_;
+    std::span<const std::unique_ptr<crssparse>> ghuge_;
     logger& log_;
     modmmeiod::operator_state state_;
 };

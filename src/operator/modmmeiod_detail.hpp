@@ -13,12 +13,19 @@ namespace zendar::modmmeiod {
 inline constexpr double coefficient_one = 1.0;
 
 /// How the records of one effect are read: which equations a record has in it, and with which coefficients.
+/// A huge effect is read like a class effect whose levels are the rows of its coefficients: its "equations"
+/// are the elements of `sumestimates` and `res_edhc`, and the coefficients come in by products with whole
+/// matrices.
 struct record_term {
     std::int32_t effect = 0;       ///< from 1
     std::int32_t row = 0;          ///< of the levels, from 0
     std::int32_t nested_row = -1;  ///< of the nesting levels, from 0; -1 for none
     std::int32_t nx = 1;           ///< coefficients of a record
     bool covariable = false;
+    bool huge = false;
+    std::size_t result =
+        0;  ///< number of the vector that takes its sums: 0 is r, the others are of huge effects
+    const double* x = nullptr;           ///< `sumestimates` of a huge effect; null: the vector itself
     bool all_traits = true;              ///< present for all traits
     std::int64_t first = 0;              ///< equations before the effect
     std::int64_t last = 0;               ///< equations up to the end of the effect
@@ -37,6 +44,11 @@ struct record_term {
             equation = first + (std::int64_t{level} - 1) * stride;
             return &coefficient_one;
         }
+        if (huge) {
+            const std::int32_t r = static_cast<std::size_t>(level) <= rows.size() ? rows[level - 1] : 0;
+            equation = (std::int64_t{r} - 1) * stride;
+            return r < 1 ? nullptr : &coefficient_one;
+        }
         equation = first;
         if (nested_row >= 0) {
             const std::int32_t nesting = levels[nested_row];
@@ -48,9 +60,11 @@ struct record_term {
     }
 };
 
-/// The terms of all effects that records address.
+/// The terms of all effects that records address. The huge effects among them, which are those with sums over
+/// rows in `huge`, come behind the others.
 [[nodiscard]] std::vector<record_term> make_record_terms(const param_type& param,
-                                                         std::span<const covariable_type> cov);
+                                                         std::span<const covariable_type> cov,
+                                                         std::span<const huge_effect> huge = {});
 
 /// Everything that the record step reads.
 struct record_input {

@@ -34,31 +34,46 @@ std::vector<record_scratch> make_scratch(const record_input& in, std::int64_t nb
     return std::vector<record_scratch>(static_cast<std::size_t>(nblock), record_scratch(in));
 }
 
-/// A private copy of r for each thread but the first, added up at the end.
-void private_copies(const record_input& in, const ls_work& work) {
-    const std::int64_t neq = std::ssize(work.r), nblock = std::ssize(work.blocks);
-    std::vector<zeroed_copy> copies;
-    for (std::int64_t b = 1; b < nblock; ++b) copies.push_back(make_zeroed_copy(work.r.size()));
-    std::vector<record_scratch> scratch = make_scratch(in, nblock);
-    std::vector<std::vector<scatter_target>> targets;
-    for (std::int64_t b = 0; b < nblock; ++b)
-        targets.emplace_back(in.terms.size(),
-                             scatter_target{b == 0 ? work.r.data() : copies[b - 1].get(), 0});
-
-    double* const r = work.r.data();
-#pragma omp parallel num_threads(static_cast<int>(nblock)) default(none) \
-    shared(in, work, copies, scratch, targets, r, neq, nblock)
-    {
+/// Zeroes the results, each thread its part of each.
+void zero_results(const ls_work& work) {
+    for (const std::span<double> result : work.results) {
+        double* const r = result.data();
+        const std::int64_t n = std::ssize(result);
 #pragma omp for schedule(static)
-        for (std::int64_t i = 0; i < neq; ++i) r[i] = 0.0;
+        for (std::int64_t i = 0; i < n; ++i) r[i] = 0.0;
+    }
+}
+
+/// A private copy of the results for each thread but the first, added up at the end.
+void private_copies(const record_input& in, const ls_work& work) {
+    const std::int64_t nblock = std::ssize(work.blocks);
+    const std::size_t nresult = work.results.size();
+    std::vector<std::vector<zeroed_copy>> copies(nresult);  // [result][thread - 1]
+    for (std::size_t k = 0; k < nresult; ++k)
+        for (std::int64_t b = 1; b < nblock; ++b)
+            copies[k].push_back(make_zeroed_copy(work.results[k].size()));
+    std::vector<record_scratch> scratch = make_scratch(in, nblock);
+    std::vector<std::vector<scatter_target>> targets(static_cast<std::size_t>(nblock));
+    for (std::int64_t b = 0; b < nblock; ++b)
+        for (const record_term& term : in.terms)
+            targets[b].push_back(
+                {b == 0 ? work.results[term.result].data() : copies[term.result][b - 1].get(), 0});
+
+#pragma omp parallel num_threads(static_cast<int>(nblock)) default(none) \
+    shared(in, work, copies, scratch, targets, nblock, nresult)
+    {
+        zero_results(work);
         for_own_blocks(nblock,
                        [&](std::int64_t b) { add_records(in, work.blocks[b], targets[b], scratch[b]); });
 #pragma omp barrier
-        for (const zeroed_copy& copy : copies) {
-            const double* const add = copy.get();
+        for (std::size_t k = 0; k < nresult; ++k)
+            for (const zeroed_copy& copy : copies[k]) {
+                double* const r = work.results[k].data();
+                const double* const add = copy.get();
+                const std::int64_t n = std::ssize(work.results[k]);
 #pragma omp for schedule(static)
-            for (std::int64_t i = 0; i < neq; ++i) r[i] += add[i];
-        }
+                for (std::int64_t i = 0; i < n; ++i) r[i] += add[i];
+            }
     }
 }
 
@@ -82,28 +97,33 @@ void reduce_by_equations(std::span<part_array> parts, double* r) {
     }
 }
 
+/// The same by one thread.
+void reduce_whole(std::span<part_array> parts, double* r) {
+    for (part_array& part : parts)
+        for (std::int64_t i = 0; part.allocated() && i < part.size(); ++i)
+            r[part.lo() - 1 + i] += part.data()[i];
+}
+
 enum class reduction { by_equations, by_effects };
 
 /// Partial arrays for the equations in which threads meet; the others are written in place.
 template <reduction R>
 void partial_arrays(const record_input& in, const ls_work& work) {
-    const std::int64_t neq = std::ssize(work.r), nblock = std::ssize(work.blocks);
-    const std::int64_t nterm = std::ssize(in.terms);
+    const std::int64_t nblock = std::ssize(work.blocks), nterm = std::ssize(in.terms);
+    const auto result_of = [&](std::int64_t k) { return work.results[in.terms[k].result].data(); };
     std::vector<record_scratch> scratch = make_scratch(in, nblock);
     std::vector<std::vector<scatter_target>> targets(static_cast<std::size_t>(nblock));
     for (std::int64_t b = 0; b < nblock; ++b)
         for (std::int64_t k = 0; k < nterm; ++k) {
             part_array& part = work.residual[k * nblock + b];
             targets[b].push_back(part.allocated() ? scatter_target{part.data(), part.lo() - 1}
-                                                  : scatter_target{work.r.data(), 0});
+                                                  : scatter_target{result_of(k), 0});
         }
 
-    double* const r = work.r.data();
 #pragma omp parallel num_threads(static_cast<int>(nblock)) default(none) \
-    shared(in, work, scratch, targets, r, neq, nblock, nterm)
+    shared(in, work, scratch, targets, result_of, nblock, nterm)
     {
-#pragma omp for schedule(static)
-        for (std::int64_t i = 0; i < neq; ++i) r[i] = 0.0;
+        zero_results(work);
         for_own_blocks(nblock, [&](std::int64_t b) {
             for (std::int64_t k = 0; k < nterm; ++k) work.residual[k * nblock + b].zero();
             add_records(in, work.blocks[b], targets[b], scratch[b]);
@@ -111,7 +131,7 @@ void partial_arrays(const record_input& in, const ls_work& work) {
 #pragma omp barrier
         if (R == reduction::by_equations) {
             for (std::int64_t k = 0; k < nterm; ++k) {
-                reduce_by_equations(work.residual.subspan(k * nblock, nblock), r);
+                reduce_by_equations(work.residual.subspan(k * nblock, nblock), result_of(k));
                 // Terms that share equations are cut at other places.
                 if (work.shared_equations) {
 #pragma omp barrier
@@ -119,39 +139,38 @@ void partial_arrays(const record_input& in, const ls_work& work) {
             }
         } else if (work.shared_equations) {
 #pragma omp single
-            for (part_array& part : work.residual)
-                for (std::int64_t i = 0; part.allocated() && i < part.size(); ++i)
-                    r[part.lo() - 1 + i] += part.data()[i];
+            for (std::int64_t k = 0; k < nterm; ++k)
+                reduce_whole(work.residual.subspan(k * nblock, nblock), result_of(k));
         } else {
 #pragma omp for schedule(static)
             for (std::int64_t k = 0; k < nterm; ++k)
-                for (part_array& part : work.residual.subspan(k * nblock, nblock))
-                    for (std::int64_t i = 0; part.allocated() && i < part.size(); ++i)
-                        r[part.lo() - 1 + i] += part.data()[i];
+                reduce_whole(work.residual.subspan(k * nblock, nblock), result_of(k));
         }
     }
 }
 
 constexpr std::array<ls_kernel, 6> kernels{{
     {1, "Subroutine for the least square part: medium mem", "computeleastsquarepart_simplified_ori", false,
-     private_copies},
-    {2, "Subroutine for the least square part: opti Delvane",
-     "computeleastsquarepart_simplified_res_delvane_ori", true, partial_arrays<reduction::by_equations>},
-    {5, "Subroutine for the least square part: opti mem", "computeleastsquarepart_simplified_res_old_ori",
-     true, partial_arrays<reduction::by_effects>},
-    {11, "Subroutine for the least square part: medium mem", "computeleastsquarepart_simplified_combieff",
      false, private_copies},
+    {2, "Subroutine for the least square part: opti Delvane",
+     "computeleastsquarepart_simplified_res_delvane_ori", true, true,
+     partial_arrays<reduction::by_equations>},
+    {5, "Subroutine for the least square part: opti mem", "computeleastsquarepart_simplified_res_old_ori",
+     true, true, partial_arrays<reduction::by_effects>},
+    {11, "Subroutine for the least square part: medium mem", "computeleastsquarepart_simplified_combieff",
+     false, false, private_copies},
     {12, "Subroutine for the least square part: opti Delvane",
-     "computeleastsquarepart_simplified_res_delvane_combieff", true, partial_arrays<reduction::by_equations>},
+     "computeleastsquarepart_simplified_res_delvane_combieff", true, true,
+     partial_arrays<reduction::by_equations>},
     {15, "Subroutine for the least square part with combined effects: opti mem",
-     "computeleastsquarepart_simplified_res_old_combieff", true, partial_arrays<reduction::by_effects>},
+     "computeleastsquarepart_simplified_res_old_combieff", true, true, partial_arrays<reduction::by_effects>},
 }};
 
 constexpr std::array<ls_kernel, 2> kernels_type22{{
-    {0, "Subroutine for the least square part: large mem", "computeleastsquarepart_full_res_ori", false,
+    {0, "Subroutine for the least square part: large mem", "computeleastsquarepart_full_res_ori", false, true,
      private_copies},
     {10, "Subroutine for the least square part: large mem", "computeleastsquarepart_full_res_combieff", false,
-     private_copies},
+     true, private_copies},
 }};
 
 }  // namespace

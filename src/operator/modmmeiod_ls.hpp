@@ -12,9 +12,10 @@ namespace zendar::modmmeiod {
 struct ls_work {
     std::span<const record_block> blocks;
     std::span<part_array>
-        residual;         ///< (thread, term), thread fastest; empty for the kernels with private copies
-    std::span<double> r;  ///< out, length neq; overwritten
-    bool shared_equations = false;  ///< two effects may share equations
+        residual;  ///< (thread, term), thread fastest; empty for the kernels with private copies
+    /// Out, overwritten: r, of length neq, and one vector for each huge effect, as the terms number them.
+    std::span<const std::span<double>> results;
+    bool shared_equations = false;  ///< two effects may share equations of r
 };
 
 /// One row per kernel. `_combieff` is `_ori` with 10 more in `loptimem`: the record step sees to the slots.
@@ -23,6 +24,7 @@ struct ls_kernel {
     std::string_view text;
     std::string_view procedure;
     bool partial;  ///< works on the partial arrays
+    bool takes_type_23;
     void (*run)(const record_input& in, const ls_work& work);
 };
 

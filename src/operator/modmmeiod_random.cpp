@@ -184,6 +184,7 @@ void mme_iod::computerandompart(std::span<const double> x, std::span<double> r, 
             modmmeiod::find_random_product(param_.type_random[group.effect - 1], param_.useasparse);
         product->timesx(state_, group, work, x, r);
     }
+    computerandompart_huge(x, r, text);
 }
 
 }  // namespace zendar

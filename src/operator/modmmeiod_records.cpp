@@ -3,6 +3,7 @@
 
 #include "modenum.hpp"
 #include "modmmeiod_detail.hpp"
+#include "modmmeiod_huge.hpp"
 
 namespace zendar::modmmeiod {
 
@@ -92,12 +93,13 @@ void gather_covariable(const record_input& in, const record_term& term, record_b
     std::int64_t* const equation = s.equation.data() + k * batch_size;
     const double** const coefficient = s.coefficient.data() + k * batch_size;
     double* v = s.v.data();
+    const double* const from = term.x != nullptr ? term.x : in.x;
     const std::int32_t* levels = in.effect.data + batch.first * in.effect.ld;
     for (std::int64_t i = 0; i < batch.end - batch.first; ++i, levels += in.effect.ld, v += nt) {
         const double* const c = term.locate(levels, equation[i]);
         coefficient[i] = c;
         if (rhs || c == nullptr) continue;
-        const double* x = in.x + equation[i];
+        const double* x = from + equation[i];
         trait_values<NT> sum(v);
         for (std::int32_t j = 0; j < nx; ++j, x += nt)
             for (std::int32_t t = 0; t < nt; ++t) sum[t] += share<M>(term, t, c[j]) * x[place<M>(term, t)];
@@ -212,13 +214,30 @@ void add_records_of(const record_input& in, record_block block, std::span<const 
 
 }  // namespace
 
-std::vector<record_term> make_record_terms(const param_type& param, std::span<const covariable_type> cov) {
+namespace {
+
+/// What all kinds of terms have.
+record_term make_term(const param_type& param, std::int32_t ie) {
+    record_term term;
+    term.effect = ie + 1;
+    term.row = ie;
+    for (std::int32_t t = 0; t < param.ntrait; ++t) {
+        const bool present = param.pos_effects(t, ie) > 0;
+        term.mask.push_back(present ? 1.0 : 0.0);
+        term.all_traits = term.all_traits && present;
+        term.slot.push_back(param.lcombieff ? param.combieff_trait(t, ie) - 1 : t);
+    }
+    return term;
+}
+
+}  // namespace
+
+std::vector<record_term> make_record_terms(const param_type& param, std::span<const covariable_type> cov,
+                                           std::span<const huge_effect> huge) {
     std::vector<record_term> terms;
     for (std::int32_t e = 1; e <= param.neffect - param.nhuge; ++e) {
         const std::int32_t ie = e - 1;
-        record_term term;
-        term.effect = e;
-        term.row = ie;
+        record_term term = make_term(param, ie);
         term.nx = param.nx[e];
         term.first = param.sumequation[e];
         term.stride = param.ntrait;
@@ -235,12 +254,18 @@ std::vector<record_term> make_record_terms(const param_type& param, std::span<co
             }
         }
         term.last = term.first + slots * param.ntrait;
-        for (std::int32_t t = 0; t < param.ntrait; ++t) {
-            const bool present = param.pos_effects(t, ie) > 0;
-            term.mask.push_back(present ? 1.0 : 0.0);
-            term.all_traits = term.all_traits && present;
-            term.slot.push_back(param.lcombieff ? param.combieff_trait(t, ie) - 1 : t);
-        }
+        terms.push_back(std::move(term));
+    }
+    std::size_t nresult = 1;
+    for (const huge_effect& own : huge) {
+        if (own.res_edhc.empty()) continue;
+        record_term term = make_term(param, own.effect - 1);
+        term.covariable = term.huge = true;
+        term.result = nresult++;
+        term.x = own.sumestimates.data();
+        term.last = std::ssize(own.res_edhc);
+        term.stride = param.ntrait;
+        term.rows = cov[own.effect - 1].rows();
         terms.push_back(std::move(term));
     }
     return terms;

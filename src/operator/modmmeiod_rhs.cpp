@@ -75,6 +75,7 @@ void mme_iod::computerhs(std::span<double> b, std::string& text) {
         clock.end("Read phen               : ");
     }
     least_squares(in, b);
+    summarize_all(b);
     clock.end("Compute b               : ");
 }
 
@@ -83,6 +84,10 @@ void mme_iod::priormean(std::span<double> b, std::span<double> work, std::string
     step_clock clock(text);
     initvectorfromfile_real8(param_, work, param_.priormean, log_);
     clock.end("Reading prior_mean      : ");
+    if (param_.nhuge > 0) {
+        compute_sumestimates(work);
+        clock.end("Huge_covariable * x     : ");
+    }
     computerandompart(work, b, text);
     clock.end("Gi * prior_mean         : ");
 }

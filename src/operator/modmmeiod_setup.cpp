@@ -10,6 +10,7 @@
 #include "modfile.hpp"
 #include "modmmeiod_a22i.hpp"
 #include "modmmeiod_detail.hpp"
+#include "modmmeiod_huge.hpp"
 #include "modmmeiod_ls.hpp"
 #include "modmmeiod_random.hpp"
 #include "modparameters_utils.hpp"
@@ -41,8 +42,9 @@ residual_table make_residual_table(const param_type& param) {
 }  // namespace modmmeiod
 
 mme_iod::mme_iod(param_type& param, const phenotype_data& data, std::span<const covariable_type> cov,
-                 logger& log, std::span<const std::unique_ptr<pedigree_type>> ped)
-    : param_(param), data_(data), cov_(cov), ped_(ped), log_(log) {}
+                 logger& log, std::span<const std::unique_ptr<pedigree_type>> ped,
+                 std::span<const std::unique_ptr<crssparse>> ghuge)
+    : param_(param), data_(data), cov_(cov), ped_(ped), ghuge_(ghuge), log_(log) {}
 
 mme_iod::~mme_iod() = default;
 
@@ -51,7 +53,7 @@ std::int64_t mme_iod::size() const {
 }
 
 std::int64_t mme_iod::work_size() const {
-    return state_.tmpvector.size() + std::ssize(state_.tmpvector1);
+    return state_.tmpvector.size() + std::ssize(state_.tmpvector1) + std::ssize(state_.tmpvector2);
 }
 
 void mme_iod::clean_lhs_iod() {
@@ -71,9 +73,11 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
     log_.message("Memory (MB) needed for the residual matrix(ces): " + realtochar(mib(bytes), "(f0.2)"));
 
     setup_random_effects();
+    setup_huge_effects();
     state_.loptimem = loptimem;
     assign_computeleastsquare();
-    state_.terms = modmmeiod::make_record_terms(param_, cov_);
+    state_.terms = modmmeiod::make_record_terms(param_, cov_, state_.huge);
+    check_type_23();
 
     log_.message("Initialize the temporary array...");
     const wtime clock;
@@ -81,7 +85,8 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
     clock.end(log_, "Initialization done ");
 
     const bool uses_omega =
-        std::ranges::any_of(state_.asparsesub, [](const auto& a22i) { return a22i != nullptr; });
+        std::ranges::any_of(state_.asparsesub, [](const auto& a22i) { return a22i != nullptr; }) ||
+        std::ranges::count(param_.type_random, 30) > 0;
     if (param_.omega != 1.0 && !uses_omega) {
         log_.warning(
             "Omega different than 1 is not supported with the requested options! Omega will be set to 1.");
@@ -90,14 +95,12 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
 }
 
 void mme_iod::setup_random_effects() {
-    if (param_.nhuge > 0)
-        fatal(log_, "Huge effects are not implemented by iteration on data", "modmmeiod", "setup_lhsrhs_iod");
     state_.asparse.resize(static_cast<std::size_t>(param_.neffect));
     state_.pedigree.assign(static_cast<std::size_t>(param_.neffect), nullptr);
     state_.weightupg = param_.weightupg;
     state_.asparsesub.resize(static_cast<std::size_t>(param_.neffect));
     state_.a22i_weight = param_.tau / param_.beta - param_.omega;
-    for (std::int32_t e = 1; e <= param_.neffect; ++e) {
+    for (std::int32_t e = 1; e <= param_.neffect - param_.nhuge; ++e) {
         const std::int32_t type = param_.type_random[e - 1];
         log_.message("Setting-up of matrices for effect " + inttochar(e));
         const modmmeiod::random_product* product = modmmeiod::find_random_product(type, param_.useasparse);
@@ -184,8 +187,7 @@ void mme_iod::assign_computeleastsquare() {
     else
         log_.warning(
             "All Delvane optimizations not allowed!\nPossible reason: Multiple covariates in a same effect");
-    const bool type22 = std::ranges::count(param_.type_random, 22) > 0;
-    const modmmeiod::ls_kernel* kernel = modmmeiod::find_ls_kernel(state_.loptimem, type22);
+    const modmmeiod::ls_kernel* const kernel = this->kernel();
     if (kernel == nullptr)
         fatal(log_, "Subroutine for the least square part does not exist. Check the option loptimem",
               "modmmeiod", "assign_computeleastsquare");
@@ -195,6 +197,21 @@ void mme_iod::assign_computeleastsquare() {
             "\nTo be efficient, the phenotype records must be sorted consecutively for the largest effect.";
     log_.information(text);
     log_.debug("computeleastsquarepart associated with " + std::string(kernel->procedure));
+}
+
+const modmmeiod::ls_kernel* mme_iod::kernel() const {
+    return modmmeiod::find_ls_kernel(state_.loptimem, std::ranges::count(param_.type_random, 22) > 0);
+}
+
+/// The kernels with private copies do not take type 23.
+void mme_iod::check_type_23() const {
+    if (kernel()->partial) return;
+    for (const modmmeiod::record_term& term : state_.terms) {
+        if (!term.huge || param_.type_random_eff[term.effect - 1] != 23 || kernel()->takes_type_23) continue;
+        for (std::int64_t rec = 0; rec < data_.effect.cols(); ++rec)
+            if (data_.effect(term.row, rec) >= 1)
+                fatal_plain(log_, " ERROR (modmmeiod): This type of effect 23 is not implemented");
+    }
 }
 
 namespace {
@@ -224,7 +241,7 @@ modmmeiod::record_input mme_iod::records() const {
 
 void mme_iod::setleastsquarepart_full() {
     using namespace modmmeiod;
-    const ls_kernel* kernel = find_ls_kernel(state_.loptimem, false);
+    const ls_kernel* const kernel = this->kernel();
     const record_input in = records();
     const auto nthread = static_cast<std::int64_t>(std::max(omp_get_max_threads(), 1));
     const std::int64_t nterm = std::ssize(state_.terms), neq = param_.neq;

@@ -100,6 +100,10 @@ struct precond_input {
     std::span<const pedigree_type* const> pedigree = {};  ///< [e - 1], null where there is none
     std::span<const std::unique_ptr<a22_inverse>> asparsesub = {};  ///< [e - 1], likewise
     double a22i_weight = 0.0;                                       ///< of A22^-1
+    std::span<const std::unique_ptr<crssparse>> ghuge =
+        {};  ///< [e - 1], of each first huge effect of a group
+    std::span<const std::unique_ptr<modmmeiod::single_step_block>> single_step = {};
+    std::span<const std::vector<double>> diagmaaam = {};  ///< per huge effect; empty where it is not computed
 };
 
 /// The groups' matrices in assembly, [e - 1]; their indices are relative to the group's first equation.
@@ -109,6 +113,10 @@ using cootmp_type = std::vector<coosparse>;
 /// records, whatever the number of threads.
 void addleastsquarepart_to_preconditioner(const precond_input& in, std::span<mija> mija_global,
                                           cootmp_type& cootmp, logger& log);
+
+/// The same for huge effects, whose SNPs are their levels.
+void addleastsquarepart_huge_to_preconditioner(const precond_input& in, std::span<mija> mija_global,
+                                               cootmp_type& cootmp, logger& log);
 
 /// The random part of all effects.
 /// @throws fatal_error  for a random type, or a structure code of one, that is not implemented.
@@ -189,7 +197,8 @@ namespace modpreconditioneriod {
 /// Assembly, scaling by `!scaleinvprec`, inversion, and the files of `!printprecond`.
 [[nodiscard]] preconditioner create_mija_lhs(const precond_input& in, logger& log);
 /// The same after the operator's set-up, with what it keeps.
-[[nodiscard]] preconditioner create_mija_lhs(const mme_iod& mme, logger& log);
+[[nodiscard]] preconditioner create_mija_lhs(const mme_iod& mme, logger& log,
+                                             std::span<const std::vector<double>> diagmaaam = {});
 
 }  // namespace modpreconditioneriod
 

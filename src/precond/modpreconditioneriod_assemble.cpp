@@ -3,6 +3,7 @@
 
 #include "modgeneral.hpp"
 #include "modheader.hpp"
+#include "modmmeiod_huge.hpp"
 #include "modpreconditioneriod_random.hpp"
 #include "modsparse.hpp"
 #include "modstats.hpp"
@@ -215,7 +216,8 @@ std::vector<mija> assemble_mija_lhs(const precond_input& in, logger& log) {
     const param_type& param = in.param;
     const wtime clock;
     std::vector<mija> mija_global = setstructure_to_preconditioner(param, log);
-    for (std::int32_t e = 1; e <= param.neffect; ++e)  // before the pass over the records, not after it
+    for (std::int32_t e = 1; e <= param.neffect - param.nhuge;
+         ++e)  // before the pass over the records, not after it
         static_cast<void>(find_random_addition(param.type_random[e - 1], log));
     check_levels(param, in.data.effect.view(), log);
 
@@ -223,6 +225,7 @@ std::vector<mija> assemble_mija_lhs(const precond_input& in, logger& log) {
     allocate_all(param, mija_global, cootmp, log);
     log.message("Addition of the least square part to the preconditioner");
     addleastsquarepart_to_preconditioner(in, mija_global, cootmp, log);
+    addleastsquarepart_huge_to_preconditioner(in, mija_global, cootmp, log);
     addrandompart_to_preconditioner(in, mija_global, cootmp, log);
     log.message("All contributions for effects are added to the preconditioner");
     log.message("    Wall clock time (s): " + realtochar(clock.seconds(), "(g0.5)"));
@@ -242,10 +245,12 @@ preconditioner create_mija_lhs(const precond_input& in, logger& log) {
     return {std::move(mija_global), log};
 }
 
-preconditioner create_mija_lhs(const mme_iod& mme, logger& log) {
+preconditioner create_mija_lhs(const mme_iod& mme, logger& log,
+                               std::span<const std::vector<double>> diagmaaam) {
     const modmmeiod::operator_state& state = mme.state();
     return create_mija_lhs(precond_input{mme.param(), mme.data(), mme.cov(), state.rinv, state.groups,
-                                         state.asparse, state.pedigree, state.asparsesub, state.a22i_weight},
+                                         state.asparse, state.pedigree, state.asparsesub, state.a22i_weight,
+                                         mme.ghuge(), state.single_step, diagmaaam},
                            log);
 }
 

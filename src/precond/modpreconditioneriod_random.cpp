@@ -65,7 +65,7 @@ const random_addition& find_random_addition(std::int32_t type_random, logger& lo
 void addrandompart_to_preconditioner(const precond_input& in, std::span<mija> mija_global,
                                      cootmp_type& cootmp, logger& log) {
     const random_context context{in, mija_global, cootmp, log};
-    for (std::int32_t e = 1; e <= in.param.neffect; ++e) {
+    for (std::int32_t e = 1; e <= in.param.neffect - in.param.nhuge; ++e) {
         const random_addition& addition = find_random_addition(in.param.type_random[e - 1], log);
         if (addition.add == nullptr) continue;
         if (!addition.text.empty()) log.message(std::string(addition.text) + inttochar(e));
@@ -75,6 +75,7 @@ void addrandompart_to_preconditioner(const precond_input& in, std::span<mija> mi
                   module_tag, procedure);
         addition.add(context, *group);
     }
+    addrandompart_huge_to_preconditioner(context);
 }
 
 }  // namespace zendar::modpreconditioneriod

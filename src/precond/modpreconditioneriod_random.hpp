@@ -164,6 +164,8 @@ struct random_context {
     logger& log;
 };
 
+/// The random part of all huge effects.
+void addrandompart_huge_to_preconditioner(const random_context& context);
 void addrandompart_eff_dia_to_preconditioner(const random_context& context, const effect_group& group);
 void addrandompart_externalmat_to_preconditioner(const random_context& context, const effect_group& group);
 void addrandompart_eff_ani_inb_to_preconditioner(const random_context& context, const effect_group& group);
