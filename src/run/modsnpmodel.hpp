@@ -25,6 +25,9 @@ struct run_state {
     phenotype_data data;
     std::vector<covariable_type> cov;  ///< one per effect, empty without covariables
     pedigree_list ped;                 ///< one per effect, null without pedigree
+    std::vector<std::unique_ptr<crssparse>>
+        ghuge;               ///< one per effect, null except for those that open a group
+    bool quiet_end = false;  ///< the run was asked for something that is there before any result
     std::vector<double> rhs;
     std::vector<double> solutions;
     std::vector<double> aggregatesolutions;

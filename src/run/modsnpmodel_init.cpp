@@ -67,6 +67,7 @@ void readdata_ascii(run_state& run) {
     readdata_cov_ascii(run.param, run.cov, run.log);
     run.ped = readdata_ped_ascii(run.param, run.options.inbmethod, run.log);
     readdata_pedploidy_ascii(run.param, run.ped, run.log);
+    readdata_hugecov_ascii(run.param, run.cov, run.ghuge, run.log);
     check_levels(run.param, run.data.effect.view(), run.log);
     clock.end("END: reading data");
 }

@@ -38,6 +38,7 @@ void resetmemory(run_state& run) {
     run.solutions = {};
     run.aggregatesolutions = {};
     run.cov = {};
+    run.ghuge.clear();
 }
 
 }  // namespace zendar

@@ -20,16 +20,18 @@ void phenotypes_to_stream(run_state& run) {
 /// What the solvers on data iterate with.
 void setup_iod(run_state& run) {
     phenotypes_to_stream(run);
-    run.lhs_iod = std::make_unique<mme_iod>(run.param, run.data, run.cov, run.log, run.ped);
+    run.lhs_iod = std::make_unique<mme_iod>(run.param, run.data, run.cov, run.log, run.ped, run.ghuge);
     run.lhs_iod->setup_lhsrhs_iod(run.options.loptimem);
-    init_solver_pcg_iod(run.param, run.solver_iod, run.log);
+    init_solver_pcg_iod(run.param, run.solver_iod, run.log, [&run](std::int32_t e) {
+        return run.param.precondzaaaz ? run.lhs_iod->diagonal_of_snps(e) : std::vector<double>();
+    });
     if (run.mija_global != nullptr) {
         run.log.message("Global preconditioner already allocated");
         return;
     }
     const wtime clock;
-    run.mija_global =
-        std::make_unique<preconditioner>(modpreconditioneriod::create_mija_lhs(*run.lhs_iod, run.log));
+    run.mija_global = std::make_unique<preconditioner>(
+        modpreconditioneriod::create_mija_lhs(*run.lhs_iod, run.log, run.solver_iod.diagmaaam));
     clock.end(run.log, "Setup of the preconditioner");
 }
 
@@ -44,7 +46,8 @@ void setlhsrhs(run_state& run) {
     run.solutions.assign(static_cast<std::size_t>(param.neq), 0.0);
 
     const std::int32_t code = param.solver.solver;
-    if (is_inmemory_solver(code) && std::ranges::any_of(run.cov, &covariable_type::compressed))
+    if (is_inmemory_solver(code) &&
+        std::ranges::any_of(run.cov, [](const covariable_type& cov) { return cov.compressed != nullptr; }))
         fatal(log, "Compressed covariables are not allowed for in-memory options", "modsnpmodel",
               "setlhsrhs");
     if (!has_solver(code))

@@ -2,7 +2,9 @@
 #include <array>
 
 #include "modenum.hpp"
+#include "modgeneral.hpp"
 #include "modsnpmodel.hpp"
+#include "modsolveriod_dpcg_comp.hpp"
 #include "modstats.hpp"
 
 namespace zendar {
@@ -15,12 +17,28 @@ void solve_pcg_iod(run_state& run) {
             .finite;
 }
 
+void solve_dpcg_iod(run_state& run) {
+    subdomains z = deflationmatrix(run.param, run.log);
+    writeoutput_neq_int4(run.param, z.of, "deflationmatrix.dat", run.log);
+    structured_operator* const structured = run.param.nhuge > 0 ? run.lhs_iod.get() : nullptr;
+    if (run.param.solver.computegalerkin) {
+        computegalerkin(run.param, *run.lhs_iod, structured, z, run.log);
+        run.quiet_end = true;
+        return;
+    }
+    const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
+    run.finite = solver_dpcg_iod_comp(run.param, *run.lhs_iod, structured, *run.mija_global, z, run.solutions,
+                                      groups, run.cov, run.log)
+                     .finite;
+}
+
 /// One row per solver that is there.
 struct solver_branch {
     std::int32_t code;
     void (*run)(run_state&);
 };
-constexpr std::array<solver_branch, 1> branches{{{code_pcg_iod, solve_pcg_iod}}};
+constexpr std::array<solver_branch, 2> branches{
+    {{code_pcg_iod, solve_pcg_iod}, {code_dpcg_iod, solve_dpcg_iod}}};
 
 const solver_branch* find_branch(std::int32_t code) {
     const auto found = std::ranges::find(branches, code, &solver_branch::code);
@@ -54,6 +72,7 @@ void solve(run_state& run) {
     if (branch == nullptr)
         fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "solve");
     branch->run(run);
+    if (run.quiet_end) return;
     if (is_iod_solver(code)) {
         run.mija_global.reset();
         destroy_solver_iod(run.solver_iod);

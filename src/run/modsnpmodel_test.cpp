@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "modenum.hpp"
+#include "some_store.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar {
@@ -148,7 +149,7 @@ TEST_F(Stages, OutputKeepsTheTemporarySolutionsFromAVectorThatIsNotFinite) {
 TEST_F(Stages, InMemorySolversRefuseCompressedCovariables) {
     run_.param.solver.solver = code_pardiso;
     run_.cov.resize(1);
-    run_.cov[0].compressed = true;
+    run_.cov[0].compressed = test::some_store();
 
     EXPECT_THROW(setlhsrhs(run_), fatal_error);
 

@@ -32,14 +32,16 @@ void man_to_markdown(logger& log) {
     log.remove_unit(manual);
 }
 
-/// The stages of the run mode, in their order.
-void run_stages(run_state& run, const run_arguments& arguments) {
+/// The stages of the run mode, in their order. @returns false for a run that was asked to end before its
+/// results.
+bool run_stages(run_state& run, const run_arguments& arguments) {
     run_mode mode{.lpec = arguments.lpec, .lebvpev = arguments.lebvpev, .relparam = arguments.relparam};
     if (mode.lpec) mode.lebvpev = false;
     initparfile(run, arguments.parfile, mode);
     setlhsrhs(run);
     if (!mode.lpec) {
         solve(run);
+        if (run.quiet_end) return false;
         initoutput(run);
         output(run);
     }
@@ -48,6 +50,7 @@ void run_stages(run_state& run, const run_arguments& arguments) {
         outputpevpec(run);
     }
     resetmemory(run);
+    return true;
 }
 
 void run_program(run_state& run, std::span<const std::string> words, run_streams streams) {
@@ -72,8 +75,8 @@ void run_program(run_state& run, std::span<const std::string> words, run_streams
     } else if (arguments.lmarkdown) {
         man_to_markdown(log);
         return;  // a quiet end: neither closing banner nor marker
-    } else {
-        run_stages(run, arguments);
+    } else if (!run_stages(run, arguments)) {
+        return;
     }
     banner.endheader(log);
 }

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <random>
 
+#include "modblas.hpp"
 #include "random_model.hpp"
 #include "read_model.hpp"
 
@@ -24,8 +26,10 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
     choice.threads = pick(1, 8);
     // Iterations beyond the solution of a tiny model would divide rounding errors by each other.
     choice.options = "!convcrit 1e-25\n!miniter 1\n!maxiter 800\n!noesteigen\n";
-    const char* const kernels[] = {"", "!notoptimem\n", "!optimem 0\n", "!optimem 1\n", "!optimem 5\n"};
-    choice.options += kernels[pick(0, 4)];
+    const char* const kernels[] = {"", "!optimem 5\n", "!optimem 1\n", "!notoptimem\n", "!optimem 0\n"};
+    const bool type_23 = std::ranges::count(model.effects, 23, &random_effect::type_random) > 0;
+    choice.options += kernels[pick(0, type_23 ? 2 : 4)];
+    if (pick(0, 1) == 0 && model.first_huge() > 0) choice.options += "!precondzaaaz\n";
 
     // Groups may not cut a correlated group in two, nor share equations with another effect. Polyploid
     // effects take no letters.
@@ -82,8 +86,16 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
     return choice;
 }
 
+/// Whether a dense matrix has no eigenvalue below 0 but for rounding.
+bool is_semidefinite(const matrix<double>& c) {
+    matrix<double> vectors = c;
+    std::vector<double> values(static_cast<std::size_t>(c.rows()));
+    return lapack_dsyevd_vectors(vectors.view(), values) == 0 && values.front() > -1e-10 * values.back();
+}
+
 /// @returns how many models were solved, stopping at the first one that was not solved well.
-int solve_random_models(std::uint64_t first, std::uint64_t last, bool pedigrees, double tolerance) {
+int solve_random_models(std::uint64_t first, std::uint64_t last, bool pedigrees, double tolerance,
+                        bool huge = false) {
     int solved = 0;
     for (std::uint64_t seed = first; seed <= last; ++seed) {
         std::mt19937_64 random(seed * 15485863);
@@ -95,10 +107,19 @@ int solve_random_models(std::uint64_t first, std::uint64_t last, bool pedigrees,
         choice.andeffect = seed % 7 == 2;
         choice.sorted = seed % 2 == 0;
         choice.pedigrees = pedigrees;
+        if (huge) {
+            choice.ntrait = std::min(choice.ntrait, 3);
+            choice.combieff = choice.andeffect = false;
+            choice.bed = true;
+            choice.huge = std::array{0, 20, 22, 23, 30}[seed % 5];
+        }
         const random_model model(choice, seed);
+        // H^-1 with groups need not be definite.
+        if (huge && !is_semidefinite(model.c)) continue;
         if (std::ranges::all_of(model.b, [](double v) { return v == 0.0; })) continue;
         solver_choice solver = choose(model, seed);
-        if (pedigrees && seed % 2 == 0 && !model.needs_asparse()) solver.options += "!notuseasparse\n";
+        if (pedigrees && !huge && seed % 2 == 0 && !model.needs_asparse())
+            solver.options += "!notuseasparse\n";
         SCOPED_TRACE("seed " + std::to_string(seed) + ", " + std::to_string(solver.threads) +
                      " threads: " + model.describe() + "\n" + solver.options);
         const threads scope(solver.threads);
@@ -123,6 +144,10 @@ TEST(SolutionReference, RandomModelsWithEveryPreconditionerKernelAndNumberOfThre
 
 TEST(SolutionReference, RandomAnimalModelsWithEveryPreconditionerKernelAndNumberOfThreads) {
     EXPECT_GT(solve_random_models(1001, 1200, true, 1e-7), 190);
+}
+
+TEST(SolutionReference, RandomModelsWithSnpEffects) {
+    EXPECT_GT(solve_random_models(2001, 2120, false, 1e-7, true), 90);
 }
 
 }  // namespace

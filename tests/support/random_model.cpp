@@ -55,12 +55,13 @@ matrix<double> random_model::random_covariance(std::int32_t n) {
 random_model::random_model(const model_choice& choice, std::uint64_t seed)
     : ntrait(choice.ntrait), nrec(choice.nrec), random_(seed) {
     lweights_ = choice.weights && chance(0.5);
-    if (choice.pedigrees) {
+    if (choice.pedigrees || choice.huge >= 0) {
         tau = 0.5 + 0.25 * pick(0, 4);
         beta = 0.05 * pick(1, 8);
-        omega = 0.25 * pick(0, 4);
+        omega = choice.huge == 22 ? 1.0 : 0.25 * pick(0, 4);
     }
     make_effects(choice);
+    if (choice.huge >= 0) make_huge(choice);
     make_records(choice);
     number_equations();
     form_equations();
@@ -217,6 +218,11 @@ void random_model::make_records(const model_choice& choice) {
     for (std::int32_t rec = 0; rec < nrec; ++rec) {
         for (std::int32_t e = 0; e < n; ++e) {
             level(e, rec) = chance(0.05) ? 0 : pick(1, effects[e].nlevel);
+            if (effects[e].huge && choice.huge == 30) level(e, rec) = 0;
+            if (choice.single_step && effects[e].huge && choice.huge == 22) {
+                const std::int32_t animal = level(effects[e].link - 1, rec);
+                level(e, rec) = animal > effects[e].nlevel ? 0 : animal;
+            }
             if (effects[e].nnest > 0) nesting(e, rec) = chance(0.05) ? 0 : pick(1, effects[e].nnest);
         }
         residual_class.push_back(pick(1, nclass));
@@ -229,7 +235,7 @@ void random_model::make_records(const model_choice& choice) {
     if (choice.sorted) {
         std::vector<std::int32_t> last;
         for (std::int32_t rec = 0; rec < nrec; ++rec) last.push_back(level(n - 1, rec));
-        std::ranges::sort(last);
+        if (!choice.single_step) std::ranges::sort(last);
         for (std::int32_t rec = 0; rec < nrec; ++rec) level(n - 1, rec) = last[rec];
     }
     std::int32_t column = ntrait;
@@ -324,6 +330,10 @@ void random_model::form_equations() {
     xrx = c;
     for (std::int32_t e = 1; e <= std::ssize(effects); ++e) {
         if (effects[e - 1].type_random == 0) continue;
+        if (effects[e - 1].huge) {
+            add_huge_part(e, c);
+            continue;
+        }
         add_random_part(e, effects[e - 1].ainv, c);
         if (!effects[e - 1].a22i.empty()) add_random_part(e, effects[e - 1].a22i, c);
     }
@@ -375,12 +385,18 @@ void random_model::write(const temporary_directory& directory, const std::string
         const random_effect& effect = effects[e];
         for (std::int32_t t = 0; t < ntrait; ++t)
             par += std::to_string(effect.present[t] ? effect.column : 0) + " ";
-        par += std::to_string(effect.covariable ? 1 : 0) + " " + std::to_string(effect.nlevel) + " " +
-               std::to_string(effect.ncov) + " ";
+        par += std::to_string(effect.huge         ? 3 - (neq % 2)
+                              : effect.covariable ? 1
+                                                  : 0) +
+               " " + std::to_string(effect.nlevel) + " " + std::to_string(effect.ncov) + " ";
         for (std::int32_t t = 0; t < ntrait; ++t) par += std::to_string(effect.nested_column) + " ";
         par += std::to_string(effect.nnest) + " ";
         if (!effect.covariable) {
             par += "none\n";
+            continue;
+        }
+        if (effect.huge) {
+            par += write_coefficients(static_cast<std::int32_t>(e + 1), directory) + "\n";
             continue;
         }
         const std::string file = "coefficients_" + std::to_string(e + 1) + ".txt";
@@ -407,6 +423,10 @@ void random_model::write(const temporary_directory& directory, const std::string
     for (std::size_t e = 0; e < effects.size(); ++e) {
         const random_effect& effect = effects[e];
         if (effect.type_random == 0) continue;
+        if (effect.huge) {
+            par += write_huge(static_cast<std::int32_t>(e + 1), directory);
+            continue;
+        }
         const std::string id = std::to_string(e + 1);
         par += "EFFECT_ID TYPE_RANDOM N_CORRELATED_EFFECTS DIM_G\n" + id + " " +
                std::to_string(effect.type_random) + " " + std::to_string(effect.nmember - 1) + " " +
@@ -457,9 +477,10 @@ void random_model::write(const temporary_directory& directory, const std::string
     for (std::size_t e = 0; landeffect_ && e < effects.size(); ++e)
         if (effects[e].owner != static_cast<std::int32_t>(e + 1))
             par += "!andeffect 1 " + std::to_string(effects[e].owner) + " " + std::to_string(e + 1) + "\n";
-    if (std::ranges::any_of(effects, [](const random_effect& effect) { return !effect.list.empty(); }))
+    if (!effects.back().huge &&
+        std::ranges::any_of(effects, [](const random_effect& effect) { return !effect.list.empty(); }))
         par += "!tau " + number(tau) + "\n!beta " + number(beta) + "\n!omega " + number(omega) + "\n";
-    directory.write("model.par", par + options);
+    directory.write("model.par", par + huge_options() + options);
 
     text.clear();
     for (std::int32_t rec = 0; rec < nrec; ++rec) {
@@ -478,10 +499,12 @@ void random_model::write(const temporary_directory& directory, const std::string
 std::string random_model::describe() const {
     std::string text = std::to_string(ntrait) + " traits, " + std::to_string(nrec) + " records";
     for (const random_effect& effect : effects)
-        text += "; " + std::string(effect.covariable ? "covariable" : "class") + " levels " +
-                std::to_string(effect.nlevel) + " covs " + std::to_string(effect.ncov) + " nested " +
-                std::to_string(effect.nnest) + " random " + std::to_string(effect.type_random) + " members " +
-                std::to_string(effect.nmember) + " owner " + std::to_string(effect.owner);
+        text +=
+            "; " + std::string(effect.covariable ? "covariable" : "class") + " levels " +
+            std::to_string(effect.nlevel) + " covs " + std::to_string(effect.ncov) + " nested " +
+            std::to_string(effect.nnest) + " random " + std::to_string(effect.type_random) + " members " +
+            std::to_string(effect.nmember) + " owner " + std::to_string(effect.owner) +
+            (effect.huge ? " " + effect.form + (effect.engine ? " engine " : " ") + effect.covariance : "");
     return text;
 }
 
@@ -491,7 +514,7 @@ std::vector<double> dense_solution(const matrix<double>& c, const std::vector<do
     std::vector<double> values(n), x(n, 0.0);
     if (lapack_dsyevd_vectors(vectors.view(), values) != 0) throw std::runtime_error("no eigenvalues");
     for (std::int64_t k = 0; k < n; ++k) {
-        if (values[k] < 1e-10 * values[n - 1]) continue;
+        if (std::abs(values[k]) < 1e-10 * values[n - 1]) continue;
         double dot = 0.0;
         for (std::int64_t i = 0; i < n; ++i) dot += vectors(i, k) * b[i];
         for (std::int64_t i = 0; i < n; ++i) x[i] += vectors(i, k) * dot / values[k];

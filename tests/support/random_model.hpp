@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <random>
@@ -33,6 +34,12 @@ struct model_choice {
     bool andeffect = false;
     bool sorted = false;         ///< records in the order of the last effect's levels
     bool always_random = false;  ///< every effect but the first is random, so that solutions are unique
+    /// Random type of a group of SNP effects that is added (0, 20, 22, 23 or 30), with an animal effect; -1
+    /// for none.
+    std::int32_t huge = -1;
+    bool bed = false;  ///< genotypes from .bed files, too, where some are missing
+    /// Makes a model of type 22 or 30 one that has the breeding values of a model with H^-1.
+    bool single_step = false;
 };
 
 struct random_effect {
@@ -53,6 +60,20 @@ struct random_effect {
     matrix<double> gamma;            ///< relationships of metafounders
     std::vector<std::int32_t> list;  ///< animals with a part of A22^-1, types 103 to 109
     matrix<double> a22i;             ///< levels x levels: this part with its weight
+
+    // A SNP effect: a covariable that is not nested, with a level for each animal.
+    bool huge = false;
+    std::int32_t link = 0;                ///< the animal effect, from 1
+    std::vector<std::int32_t> genotyped;  ///< the animal of each row of genotypes
+    matrix<std::int32_t> genotypes;       ///< rows x SNPs: 0, 1, 2; -1 missing; of a .bed file
+    std::vector<double> frequency;        ///< in use, of a .bed file
+    std::string form;                     ///< of the file: "bed", "txt", "sparse", "stream"
+    bool frequency_file = false;
+    bool own_sum2pq = false;  ///< `!sum2pq` is given
+    bool engine = false;      ///< `!miraculix`
+    std::string covariance;   ///< "compute" or a file name
+    double sum2pq = 0.0;
+    matrix<double> d;  ///< what the file says: over all equations of the group
     [[nodiscard]] std::int32_t nslot_level() const { return covariable ? (nnest > 0 ? nnest : 1) : nlevel; }
 };
 
@@ -75,9 +96,11 @@ class random_model {
     std::int64_t neq = 0;
     double weightupg = 1.0;
     double tau = 1.0, beta = 0.05, omega = 1.0;  ///< A22^-1 has the weight tau / beta - omega
-    matrix<double> xrx;                          ///< neq x neq: X' R^-1 X
-    matrix<double> c;                            ///< neq x neq
-    std::vector<double> b;                       ///< neq
+    double alpha = 0.95;
+    bool beta_snp = true;   ///< without `!no_beta_snp`
+    matrix<double> xrx;     ///< neq x neq: X' R^-1 X
+    matrix<double> c;       ///< neq x neq
+    std::vector<double> b;  ///< neq
 
     /// Equation (from 1) of an unknown of effect e (from 1).
     [[nodiscard]] std::int64_t equation(std::int32_t e, std::int32_t level, std::int32_t covariable,
@@ -85,6 +108,13 @@ class random_model {
         return equations_.at({e, level, covariable, slot});
     }
     [[nodiscard]] std::string describe() const;
+    /// Effect, level, covariable and slot (from 1) of each equation, in their order.
+    [[nodiscard]] std::vector<std::array<std::int32_t, 4>> unknowns() const;
+    /// First SNP effect (from 1); 0 for none.
+    [[nodiscard]] std::int32_t first_huge() const;
+    /// A22^-1 of the animals with genotypes, by their order in the file.
+    [[nodiscard]] matrix<double> dense_a22i() const;
+    void add_huge_part(std::int32_t e, matrix<double>& to) const;
     /// The row of X of a trait (from 0) of a record (from 0): equations (from 0) and coefficients.
     [[nodiscard]] std::vector<std::pair<std::int64_t, double>> row_of(std::int32_t t, std::int32_t rec) const;
     /// Whether an effect cannot be had by iteration on the pedigree: metafounders, external matrices, parts
@@ -93,6 +123,11 @@ class random_model {
     /// Adds a matrix between the levels of the random effect e (from 1), times its inverse covariances, to
     /// the equations `to`. An empty matrix stands for the identity.
     void add_random_part(std::int32_t e, const matrix<double>& between, matrix<double>& to) const;
+    /// C and b of the model with the animal effects under H^-1 = A^-1 + tau G^-1 - omega A22^-1 and without
+    /// SNP effects, for a model of `single_step`.
+    [[nodiscard]] std::pair<matrix<double>, std::vector<double>> single_step_equations() const;
+    /// The breeding values, trait by entry by level, as SNP and animal effects or H^-1 have them.
+    [[nodiscard]] std::vector<double> breeding_values(std::span<const double> x, bool with_snps) const;
     /// What is unique in any solution: the fitted values of all records and traits, then all that has a
     /// prior.
     [[nodiscard]] std::vector<double> estimable(std::span<const double> x) const;
@@ -101,6 +136,13 @@ class random_model {
     void make_effects(const model_choice& choice);
     void make_pedigree(random_effect& effect, std::int32_t type, std::int32_t nupg);
     void make_ploidy_pedigree(random_effect& effect);
+    void make_huge(const model_choice& choice);
+    void make_genotypes(random_effect& effect, const model_choice& choice);
+    [[nodiscard]] bool has_own_file(std::int32_t e) const;
+    /// @returns the name of the file
+    [[nodiscard]] std::string write_coefficients(std::int32_t e, const temporary_directory& directory) const;
+    [[nodiscard]] std::string huge_options() const;
+    [[nodiscard]] std::string write_huge(std::int32_t e, const temporary_directory& directory) const;
     void add_part_of_a22i(random_effect& effect, std::int32_t nanimal);
     void make_records(const model_choice& choice);
     void number_equations();
