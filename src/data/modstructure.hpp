@@ -138,8 +138,9 @@ void readallelefreq(covariable_type& cov, const param_type& param, std::int32_t 
 
 /// Copies the genotypes into the compressed store.
 /// @param usegpu  0: the products run on the CPU; absent: on the GPU.
+/// @param cores   threads of the library; 0: by its own rule.
 void init_miraculix(covariable_type& cov, std::int32_t maxcols, std::optional<std::int32_t> usegpu,
-                    logger& log);
+                    logger& log, std::int32_t cores = 0);
 
 /// Coefficient (from 1) of a row (from 1) in any store; 0.0 outside. A genotype comes centred, as in the
 /// products.

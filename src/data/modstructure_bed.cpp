@@ -213,7 +213,8 @@ std::int32_t miraculix_mode(const param_type& param, std::int32_t e) {
     return (is_set(param.miraculix) ? 10 : 0) + (is_set(param.miraculix_gpu) ? 20 : 0);
 }
 
-void start_miraculix(covariable_type& cov, std::int32_t e, std::int32_t maxcols, logger& log) {
+void start_miraculix(covariable_type& cov, std::int32_t e, std::int32_t maxcols, std::int32_t cores,
+                     logger& log) {
     if (cov.miraculix != 10 && cov.miraculix != 20)
         fatal(log, "Miraculix option " + inttochar(cov.miraculix) + " is not correct!", covariable_module,
               covariable_procedure);
@@ -227,7 +228,7 @@ void start_miraculix(covariable_type& cov, std::int32_t e, std::int32_t maxcols,
                 "differ",
             covariable_module, covariable_procedure);
     const wtime clock;
-    init_miraculix(cov, maxcols, usegpu ? 1 : 0, log);
+    init_miraculix(cov, maxcols, usegpu ? 1 : 0, log, cores);
     log.message("Initialization Miraculix " + device + " : " + realtochar(clock.seconds(), "(f0.3)"));
     log.message("Miraculix: Max. number of columns: " + inttochar(maxcols));
 }
@@ -306,11 +307,12 @@ void readcovariable_bed(covariable_type& cov, const param_type& param, std::int3
         return;
     }
     cov.miraculix = mode;
-    if (mode != 0) start_miraculix(cov, e, maxcols > 0 ? maxcols : std::max(param.ntrait, 1), log);
+    if (mode != 0)
+        start_miraculix(cov, e, maxcols > 0 ? maxcols : std::max(param.ntrait, 1), param.ncpus, log);
 }
 
 void init_miraculix(covariable_type& cov, std::int32_t maxcols, std::optional<std::int32_t> usegpu,
-                    logger& log) {
+                    logger& log, std::int32_t cores) {
     const plink_genotypes& plink = cov.data->plink;
     const bool gpu = usegpu.value_or(1) != 0;
     log.message("Use of Miraculix procedures");
@@ -322,7 +324,7 @@ void init_miraculix(covariable_type& cov, std::int32_t maxcols, std::optional<st
         log.message("Transposition of Bed matrix: " + realtochar(clock.seconds(), "(f0.3)"));
     }
     log.message("Call c_setOptions");
-    ::miraculix::setOptions_compressed(gpu ? 1 : 0, 0, 0, 0, 1, 0, 0, 0, 0, 0);
+    ::miraculix::setOptions_compressed(gpu ? 1 : 0, cores, 0, 0, 1, 0, 0, 0, 0, 0);
     // The library takes the SNP-major bytes as they stand here: no copy is made for it.
     log.message("Allocates transpose(cov%ival)");
     log.message("Number of columns: " + inttochar(maxcols));

@@ -91,6 +91,7 @@ struct param_type {
 
     // Set by the driver
     bool lpec = false;
+    std::int32_t ncpus = 0;  ///< threads of `--ncpus`, also for the genotype library; 0: not given
     std::string relparam = "ca471rel.dat";
 
     // Options

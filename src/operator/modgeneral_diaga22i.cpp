@@ -32,24 +32,44 @@ std::vector<double> computediaga22i(a22_inverse& a22i, logger& log) {
 
 namespace {
 
-/// The diagonal of M B M' for the symmetric B of a block, by groups of SNPs.
-std::vector<double> diagonal_between(const covariable_type& cov, modmmeiod::single_step_block& block) {
+/// use(first, columns of M', B times these) for the symmetric B of a block, by groups of SNPs.
+template <class Use>
+void for_snps(const covariable_type& cov, modmmeiod::single_step_block& block, Use&& use) {
     constexpr std::int64_t most = 32;  // columns that are solved for together
     const std::int64_t nrow = coefficient_rows(cov), nsnp = coefficient_columns(cov);
     matrix<double> m(nrow, std::min(most, nsnp)), v(nrow, m.cols());
-    std::vector<double> diagonal;
     for (std::int64_t first = 0; first < nsnp; first += most) {
         const std::int64_t n = std::min(most, nsnp - first);
         const matrix_view<double> columns{m.data(), nrow, n, nrow}, products{v.data(), nrow, n, nrow};
         expand_coefficients(cov, first, columns);
         block.between_genotypes(columns, products);
-        for (std::int64_t j = 0; j < n; ++j) {
-            double sum = 0.0;
-            for (std::int64_t i = 0; i < nrow; ++i) sum += columns(i, j) * products(i, j);
-            diagonal.push_back(sum);
-        }
+        use(first, columns, products);
     }
+}
+
+/// The diagonal of M B M'.
+std::vector<double> diagonal_between(const covariable_type& cov, modmmeiod::single_step_block& block) {
+    std::vector<double> diagonal;
+    for_snps(cov, block,
+             [&](std::int64_t, matrix_view<const double> columns, matrix_view<const double> products) {
+                 for (std::int64_t j = 0; j < columns.cols; ++j) {
+                     double sum = 0.0;
+                     for (std::int64_t i = 0; i < columns.rows; ++i) sum += columns(i, j) * products(i, j);
+                     diagonal.push_back(sum);
+                 }
+             });
     return diagonal;
+}
+
+/// M B M' itself.
+matrix<double> matrix_between(const covariable_type& cov, modmmeiod::single_step_block& block, logger& log) {
+    const std::int64_t n = coefficient_columns(cov);
+    matrix<double> whole(n, n);
+    for_snps(
+        cov, block, [&](std::int64_t first, matrix_view<const double>, matrix_view<const double> products) {
+            multiply_coefficients(cov, 't', products, {whole.data() + first * n, n, products.cols, n}, log);
+        });
+    return whole;
 }
 
 }  // namespace
@@ -66,6 +86,20 @@ std::vector<double> computema22pa21a11ia12m_all(const covariable_type& cov,
     log.message("Start the computation of diag(M*(A^diff+A^21*inv(A^11)*A^12)*M) for " +
                 inttochar(coefficient_columns(cov)) + " SNPs");
     return diagonal_between(cov, block);
+}
+
+matrix<double> computema22mina21a11ia12m_all_mat(const covariable_type& cov,
+                                                 modmmeiod::single_step_block& block, logger& log) {
+    log.message("Start the computation of M*(A^22-A^21*inv(A^11)*A^12)*M for " +
+                inttochar(coefficient_columns(cov)) + " SNPs");
+    return matrix_between(cov, block, log);
+}
+
+matrix<double> computema22pa21a11ia12m_all_mat(const covariable_type& cov,
+                                               modmmeiod::single_step_block& block, logger& log) {
+    log.message("Start the computation of M*(A^diff+A^21*inv(A^11)*A^12)*M for " +
+                inttochar(coefficient_columns(cov)) + " SNPs");
+    return matrix_between(cov, block, log);
 }
 
 }  // namespace zendar

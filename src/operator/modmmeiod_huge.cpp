@@ -194,7 +194,10 @@ void mme_iod::computerandompart_huge(std::span<const double> x, std::span<double
         const auto n = static_cast<std::size_t>(std::max(param_.n_correlated[block->effect() - 1], 0) + 1);
         block->timesx(std::span(state_.huge).subspan(first, n), x, r, text, log_);
     }
+    if (std::ranges::none_of(state_.huge, &modmmeiod::huge_effect::pending)) return;
+    const wtime clock;
     summarize_all(r);
+    text += " Huge_covariable * x (single step) : " + realtochar(clock.seconds(), "(f0.3)");
 }
 
 }  // namespace zendar

@@ -118,6 +118,13 @@ namespace zendar {
 [[nodiscard]] std::vector<double> computema22mina21a11ia12m_all(const covariable_type& cov,
                                                                 modmmeiod::single_step_block& block,
                                                                 logger& log);
+/// The whole matrix; SNPs x SNPs.
+[[nodiscard]] matrix<double> computema22mina21a11ia12m_all_mat(const covariable_type& cov,
+                                                               modmmeiod::single_step_block& block,
+                                                               logger& log);
+[[nodiscard]] matrix<double> computema22pa21a11ia12m_all_mat(const covariable_type& cov,
+                                                             modmmeiod::single_step_block& block,
+                                                             logger& log);
 /// diag(M (A^22 - A22^-1) M') for type 22, with A^22 of all animals.
 [[nodiscard]] std::vector<double> computema22pa21a11ia12m_all(const covariable_type& cov,
                                                               modmmeiod::single_step_block& block,

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <string>
 
 #include "modbasic.hpp"
@@ -28,10 +29,15 @@ void mme_iod::write_thread_effect(std::span<const modmmeiod::equation_bounds> bo
     const std::string data = directory + "thread_effect.dat";
     const std::int64_t nterm = std::ssize(state_.terms);
     std::string text;
-    for (std::int64_t k = 0; k < nterm; ++k) {
-        text += inttochar(state_.terms[k].effect);
+    for (std::int32_t e = 1; e <= param_.neffect; ++e) {
+        const auto term = std::ranges::find(state_.terms, e, &modmmeiod::record_term::effect);
+        const std::int64_t k = term - state_.terms.begin(), first = param_.sumequation[e] + 1;
+        text += inttochar(e);
         for (std::int64_t th = 0; th < nthread; ++th) {
-            const modmmeiod::equation_bounds& b = bounds[th * nterm + k];
+            modmmeiod::equation_bounds b{first, first};  // of an effect that records do not meet
+            if (k < nterm) b = bounds[th * nterm + k];
+            // A record with a huge effect has all of its equations.
+            if (k < nterm && term->huge && b.lo <= b.hi) b = {first, param_.sumequation[e + 1]};
             text += " " + inttochar(b.lo) + " " + inttochar(b.hi);
         }
         text += "\n";

@@ -227,6 +227,7 @@ run_arguments readargument(const command_line& line, logger& log) {
               "varquil", "readargument");
     if (ncpus > 0) {
         set_number_of_threads(ncpus);
+        arguments.ncpus = ncpus;
         log.message("   Provided number of threads for OpenMP/MKL: " + inttochar(team_size()));
     }
 

@@ -68,6 +68,7 @@ struct run_arguments {
     bool lebvpev = false;
     bool lverbose = false;
     bool lmarkdown = false;
+    std::int32_t ncpus = 0;  ///< 0: not given
     std::optional<std::string> help_message;  ///< only for `--help`
 };
 

@@ -42,6 +42,7 @@ struct run_mode {
     bool lpec = false;     ///< reliabilities without solutions
     bool lebvpev = false;  ///< solutions and reliabilities
     std::string relparam = "none";
+    std::int32_t ncpus = 0;  ///< threads that were asked for; 0: none were
 };
 
 void initparfile(run_state& run, const std::string& parfile, const run_mode& mode);

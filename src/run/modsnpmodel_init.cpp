@@ -39,6 +39,7 @@ void initparfile(run_state& run, const std::string& parfile, const run_mode& mod
     param_type& param = run.param;
     cputime clock(log, "START: reading parameter file");
     read_parameter_file(param, parfile, log);
+    param.ncpus = mode.ncpus;
     report_pedigrees(param, log);
     modsnpmodel::read_parameter_file_options(param, run.options, parfile, log);
     const std::string more_options = parfile + "_options";

@@ -35,7 +35,10 @@ void man_to_markdown(logger& log) {
 /// The stages of the run mode, in their order. @returns false for a run that was asked to end before its
 /// results.
 bool run_stages(run_state& run, const run_arguments& arguments) {
-    run_mode mode{.lpec = arguments.lpec, .lebvpev = arguments.lebvpev, .relparam = arguments.relparam};
+    run_mode mode{.lpec = arguments.lpec,
+                  .lebvpev = arguments.lebvpev,
+                  .relparam = arguments.relparam,
+                  .ncpus = arguments.ncpus};
     if (mode.lpec) mode.lebvpev = false;
     initparfile(run, arguments.parfile, mode);
     setlhsrhs(run);

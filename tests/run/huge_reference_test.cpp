@@ -5,6 +5,7 @@
 #include <random>
 
 #include "modmmeiod.hpp"
+#include "modmmeiod_huge.hpp"
 #include "random_model.hpp"
 #include "read_model.hpp"
 
@@ -59,6 +60,39 @@ TEST(HugeReference, ProductAndRightHandSideOfRandomModels) {
         if (HasFailure()) break;
     }
     EXPECT_EQ(nproduct, 60 * (1 + 2 + 3 * 3));  // type 22 has one kernel, type 23 two, the others three
+}
+
+TEST(HugeReference, TheDiagonalsAndMatricesOfGenotypesAreExact) {
+    int nmodel = 0;
+    for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+        model_choice choice = choice_of(seed);
+        choice.huge = seed % 2 == 0 ? 22 : 30;
+        const random_model model(choice, seed);
+        SCOPED_TRACE("seed " + std::to_string(seed) + ": " + model.describe());
+        read_model read(model);
+        mme_iod op(read.run.param, read.run.data, read.run.cov, read.run.log, read.run.ped, read.run.ghuge);
+        op.setup_lhsrhs_iod(choice.huge == 22 ? 0 : 2);
+        modmmeiod::single_step_block& block = *op.state().single_step.front();
+        const covariable_type& cov = read.run.cov[block.effect() - 1];
+        const matrix<double> between = model.between_genotypes();
+        // With all animals genotyped nothing is left of the difference.
+        if (std::ranges::none_of(between.values(), [](double v) { return std::abs(v) > 1e-10; })) continue;
+        ++nmodel;
+        const bool liu = choice.huge == 30;
+        const matrix<double> whole = liu ? computema22mina21a11ia12m_all_mat(cov, block, read.run.log)
+                                         : computema22pa21a11ia12m_all_mat(cov, block, read.run.log);
+        EXPECT_LT(difference(whole.values(), between.values()), 1e-11);
+        const std::vector<double> diagonal = liu ? computema22mina21a11ia12m_all(cov, block, read.run.log)
+                                                 : computema22pa21a11ia12m_all(cov, block, read.run.log);
+        std::vector<double> expected;
+        for (std::int64_t j = 0; j < between.rows(); ++j) expected.push_back(between(j, j));
+        EXPECT_LT(difference(diagonal, expected), 1e-11);
+        EXPECT_EQ(op.diagonal_of_snps(block.effect()), liu ? std::vector<double>() : diagonal);
+        EXPECT_THAT(read.screen.str(),
+                    testing::HasSubstr(liu ? "M*(A^22-A^21*inv(A^11)*A^12)*M for "
+                                           : "diag(M*(A^diff+A^21*inv(A^11)*A^12)*M) for "));
+    }
+    EXPECT_GT(nmodel, 30);
 }
 
 TEST(HugeReference, SingleStepModelsHaveTheBreedingValuesOfHInverse) {

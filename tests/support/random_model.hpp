@@ -114,6 +114,8 @@ class random_model {
     [[nodiscard]] std::int32_t first_huge() const;
     /// A22^-1 of the animals with genotypes, by their order in the file.
     [[nodiscard]] matrix<double> dense_a22i() const;
+    /// W' A22^-1 W of type 30, W' (A^22 - A22^-1) W of type 22.
+    [[nodiscard]] matrix<double> between_genotypes() const;
     void add_huge_part(std::int32_t e, matrix<double>& to) const;
     /// The row of X of a trait (from 0) of a record (from 0): equations (from 0) and coefficients.
     [[nodiscard]] std::vector<std::pair<std::int64_t, double>> row_of(std::int32_t t, std::int32_t rec) const;

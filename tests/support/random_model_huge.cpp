@@ -173,6 +173,27 @@ matrix<double> random_model::dense_a22i() const {
     return dense_inverse(a22);
 }
 
+matrix<double> random_model::between_genotypes() const {
+    const random_effect& opener = effects[first_huge() - 1];
+    std::int32_t animal = opener.link;
+    while (effects[animal - 1].nmember == 0) --animal;
+    matrix<double> between = dense_a22i();
+    const std::int64_t n = between.rows();
+    if (opener.type_random == 22)
+        for (std::int64_t i = 0; i < n; ++i)
+            for (std::int64_t k = 0; k < n; ++k)
+                between(i, k) = effects[animal - 1].ainv(opener.genotyped[i] - 1, opener.genotyped[k] - 1) -
+                                between(i, k);
+    matrix<double> all(opener.ncov, opener.ncov);
+    for (std::int64_t a = 0; a < opener.ncov; ++a)
+        for (std::int64_t b = 0; b < opener.ncov; ++b)
+            for (std::int64_t i = 0; i < n; ++i)
+                for (std::int64_t k = 0; k < n; ++k)
+                    all(a, b) += opener.coefficients[opener.genotyped[i] - 1][a] * between(i, k) *
+                                 opener.coefficients[opener.genotyped[k] - 1][b];
+    return all;
+}
+
 void random_model::add_huge_part(std::int32_t e, matrix<double>& to) const {
     const random_effect& opener = effects[e - 1];
     const std::int32_t nmember = opener.nmember, nsnp = opener.ncov;
