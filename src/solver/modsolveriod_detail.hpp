@@ -109,6 +109,13 @@ struct pcg_problem {
 /// Iterations from s.i on; s.i ends one past the last. Prints nothing and allocates nothing.
 void pcg_loop(const pcg_problem& problem, const pcg_vectors& v, pcg_state& s, pcg_control& control);
 
+// ---- after the loop (modsolveriod_pcg.cpp)
+// ------------------------------------------------------------------------
+
+/// `!computefinalrhs`: the right-hand side that the solutions solve exactly, beside the one that was given.
+/// w and z are work.
+void computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v, logger& log);
+
 // ---- convergence groups (modsolveriod_groups.cpp)
 // -------------------------------------------------------------
 

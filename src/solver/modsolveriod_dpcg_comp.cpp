@@ -169,7 +169,9 @@ solver_result solver_dpcg_iod_comp(param_type& param, linear_system& system, str
     // computeqbpluspx: x = Q b + P' x, as P' = I - Q C.
     system.r_equal_b_minus_atimesx(x, v.z, v.r);
     deflation.correct(v.r, x);
-    return report.finish(s, x);
+    const solver_result result = report.finish(s, x);
+    if (param.solver.computefinalrhs) detail::computefinalrhs(param, system, v, log);
+    return result;
 }
 
 }  // namespace zendar

@@ -22,10 +22,10 @@ void announce(const linear_system& system, std::span<const equation_range> group
                     inttochar(group.last));
 }
 
-/// `!computefinalrhs`: the right-hand side that the solutions solve exactly, beside the one that was given.
-/// @param w, z  work.
-void computefinalrhs(const param_type& param, linear_system& system, const detail::pcg_vectors& v,
-                     logger& log) {
+}  // namespace
+
+void detail::computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v,
+                             logger& log) {
     system.atimesx(v.x, v.w);
     writeoutputstream_real8(param, v.w, "manufactured_rhs.stream", log);
     writeoutput_real8(param, v.w, "manufactured_rhs.dat", log);
@@ -45,8 +45,6 @@ void computefinalrhs(const param_type& param, linear_system& system, const detai
     log.message("Final relative absolute diff RHS: " + realtochar(largest / mean, "(e12.5)"));
     writeoutput_real8(param, v.z, "real_rhs.dat", log);
 }
-
-}  // namespace
 
 solver_result solver_pcg_iod(param_type& param, linear_system& system, linear_preconditioner& preconditioner,
                              std::span<double> x, std::span<const equation_range> groups,
@@ -79,7 +77,7 @@ solver_result solver_pcg_iod(param_type& param, linear_system& system, linear_pr
                      report);
 
     const solver_result result = report.finish(s, x);
-    if (param.solver.computefinalrhs) computefinalrhs(param, system, v, log);
+    if (param.solver.computefinalrhs) detail::computefinalrhs(param, system, v, log);
     return result;
 }
 
