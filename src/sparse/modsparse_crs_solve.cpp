@@ -1,4 +1,7 @@
+#include <omp.h>
+
 #include <algorithm>
+#include <bit>
 #include <cassert>
 #include <string>
 #include <utility>
@@ -132,8 +135,28 @@ void crs_matrix<Index>::solveldlt(matrix_view<double> x, matrix_view<const doubl
     if (x.rows != dim1_ || y.rows != dim1_)
         fail(" ERROR: the sizes of x and y provided to solveldlt are not that of the matrix!");
     if (!isldltfactor()) fail(" ERROR: solveldlt needs the sorted upper triangular factor of getldlt!");
-    std::vector<double> work(static_cast<std::size_t>(dim1_));
-    for (std::int64_t j = 0; j < x.cols; ++j) solveldlt_s(x.column(j), y.column(j), work);
+    if (x.cols < 1 || dim1_ < 1) return;
+    // Columns that lie side by side share the reading of the factor; threads share the columns.
+    const std::int64_t threads = std::min<std::int64_t>(omp_get_max_threads(), x.cols);
+    const auto each = static_cast<std::uint64_t>((x.cols + threads - 1) / threads);
+    const auto width = static_cast<std::int64_t>(std::min(std::bit_ceil(each), std::uint64_t{8}));
+    const std::int64_t groups = (x.cols + width - 1) / width, n = dim1_;
+    std::vector<double> work(static_cast<std::size_t>(groups * n * width), 0.0);
+    const crs_view<std::int32_t> u = view();
+    const std::span<const std::int32_t> order = perm_;
+#pragma omp parallel for schedule(static) num_threads(static_cast<int>(threads)) default(none) \
+    shared(x, y, work, u, order, groups, n, width)
+    for (std::int64_t g = 0; g < groups; ++g) {
+        const std::span<double> z = std::span(work).subspan(g * n * width, n * width);
+        const std::int64_t first = g * width, count = std::min(width, x.cols - first);
+        for (std::int64_t c = 0; c < count; ++c)
+            for (std::int64_t k = 0; k < n; ++k)
+                z[k * width + c] = y(order.empty() ? k : order[k] - 1, first + c);
+        solve_with_unit_upper(u, z, width);
+        for (std::int64_t c = 0; c < count; ++c)
+            for (std::int64_t k = 0; k < n; ++k)
+                x(order.empty() ? k : order[k] - 1, first + c) = z[k * width + c];
+    }
 }
 
 template <std::signed_integral Index>

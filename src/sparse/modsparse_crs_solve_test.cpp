@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -392,6 +393,28 @@ TEST(Solveldlt, SolvesWithTheFactorsOfGetldlt) {
     expect_near(x.values(), expected.values(), 1e-13);
     factor.solveldlt(x.column(0), y.column(1));
     expect_near(x.column(0), expected.column(1), 1e-13);
+}
+
+TEST(Solveldlt, GivesEachOfSeveralColumnsTheBitsOfASolveOfItsOwn) {
+    crssparse factor = convertfromcootocrs(grid_matrix(7));
+    factor.getldlt();
+    const int before = omp_get_max_threads();
+    for (const std::int64_t ncol : {1, 2, 3, 5, 8, 9, 19})
+        for (const int nthread : {1, 2, 3}) {
+            SCOPED_TRACE(std::to_string(ncol) + " columns, " + std::to_string(nthread) + " threads");
+            omp_set_num_threads(nthread);
+            matrix<double> y(50, ncol), x(53, ncol);  // longer than the 49 equations
+            std::ranges::copy(random_vector(50 * ncol, 11), y.values().begin());
+            std::ranges::fill(x.values(), 7.0);
+            factor.solveldlt({x.data(), 49, ncol, 53}, {y.data(), 49, ncol, 50});
+            for (std::int64_t j = 0; j < ncol; ++j) {
+                std::vector<double> alone(49);
+                factor.solveldlt(alone, y.column(j).first(49));
+                EXPECT_TRUE(std::ranges::equal(x.column(j).first(49), alone)) << "column " << j;
+                EXPECT_TRUE(std::ranges::all_of(x.column(j).subspan(49), [](double v) { return v == 7.0; }));
+            }
+        }
+    omp_set_num_threads(before);
 }
 
 TEST(Solveldlt, GivesOneSolutionOfAConsistentSystemOfDeficientRank) {

@@ -19,4 +19,10 @@ void solve_with_upper(crs_view<Index> u, std::span<double> x);
 template <std::signed_integral Index>
 void solve_with_unit_upper(crs_view<Index> u, std::span<double> x);
 
+/// The same for right-hand sides that lie side by side, so that U is read once for all of them: x is equation
+/// by column, columns fastest. Each has the bits of a solve of its own.
+/// @param columns  1, 2, 4 or 8
+template <std::signed_integral Index>
+void solve_with_unit_upper(crs_view<Index> u, std::span<double> x, std::int64_t columns);
+
 }  // namespace zendar

@@ -159,6 +159,9 @@ class random_model {
     std::map<std::tuple<std::int32_t, std::int32_t, std::int32_t, std::int32_t>, std::int64_t> equations_;
 };
 
+/// All digits.
+[[nodiscard]] std::string number(double value);
+
 /// The solution of least norm of a symmetric positive semidefinite consistent system, by its eigenvectors.
 [[nodiscard]] std::vector<double> dense_solution(const matrix<double>& c, const std::vector<double>& b);
 [[nodiscard]] std::vector<double> dense_product(const matrix<double>& c, const std::vector<double>& x);

@@ -13,12 +13,6 @@ namespace zendar::test {
 
 namespace {
 
-std::string number(double value) {
-    char text[40];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    return text;
-}
-
 template <class T>
 void append(std::string& to, T value) {
     char bytes[sizeof value];
