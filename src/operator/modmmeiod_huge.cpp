@@ -145,6 +145,13 @@ void mme_iod::setup_single_step(std::int32_t e) {
         fatal(log_,
               "Use of huge effects must be done with using sparse A matrices (effect " + inttochar(e) + ")",
               "modmmeiod", procedure);
+    for (const auto& other : state_.single_step)
+        if (&other->animals() == &*group)
+            fatal(log_,
+                  "The SNP effects " + inttochar(other->effect()) + " and " + inttochar(e) +
+                      " are both linked to the animal effect " + inttochar(group->effect) +
+                      ", which can have the part of one only",
+                  "modmmeiod", procedure);
     std::string links;
     for (std::int32_t k = 0; k <= std::max(param_.n_correlated[e - 1], 0); ++k)
         links += (k > 0 ? " " : "") + inttochar(detail::linked_effect(param_, e + k));

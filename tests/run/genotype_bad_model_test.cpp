@@ -157,6 +157,14 @@ const snp_case bad_inputs[] = {
      change(&snp_files::snp_block, "1\n2\n", "1\nanimals\n"),
      {"IO issue(s) with the description of effect 3", "model.par"}},
     {"LinkIsMissing", 30, change(&snp_files::snp_block, "1\n2\n", "1\n"), {"IO issue(s)", "model.par"}},
+    {"TwoEffectsWithOneLink",
+     30,
+     [](snp_files& m) {
+         m.effects = "1 0 1 1 0 0 none\n2 0 6 1 0 0 none\n3 3 6 4 0 0 geno.bed\n3 3 6 4 0 0 3.as_effect\n";
+         m.snp_block =
+             "3 30 0 4\nsnpcov.txt 1\n2\nEFFECT_ID TYPE N_CORRELATED DIM\n4 30 0 4\nsnpcov.txt 1\n2\n";
+     },
+     {"The SNP effects 3 and 4 are both linked to the animal effect 2, which can have the part of one only"}},
     {"LinkToAPartOfAGroup",
      30,
      [](snp_files& m) {
