@@ -24,4 +24,4 @@ awk 'NR == FNR { expected[$2, $3] = $5; next }
     "$run/expected_solutions.txt" "$run/solutions.dat"
 awk 'NR == FNR { expected[$2, $3] = $5; next }
      $2 == 2   { printf "animal %6d %12s   published %12.5f\n", $3, $5, expected[$2, $3] }' \
-    "$run/expected_solutions.txt" "$run/solutions.dat" | LC_ALL=C sort -k3,3gr | head -n 10
+    "$run/expected_solutions.txt" "$run/solutions.dat" | LC_ALL=C sort -k3,3gr | sed -n 1,10p

@@ -109,13 +109,6 @@ struct pcg_problem {
 /// Iterations from s.i on; s.i ends one past the last. Prints nothing and allocates nothing.
 void pcg_loop(const pcg_problem& problem, const pcg_vectors& v, pcg_state& s, pcg_control& control);
 
-// ---- after the loop (modsolveriod_pcg.cpp)
-// ------------------------------------------------------------------------
-
-/// `!computefinalrhs`: the right-hand side that the solutions solve exactly, beside the one that was given.
-/// w and z are work.
-void computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v, logger& log);
-
 // ---- convergence groups (modsolveriod_groups.cpp)
 // -------------------------------------------------------------
 
@@ -219,5 +212,19 @@ class iteration_report final : public pcg_control {
     convergence_graph graph_;
     wtime clock_;
 };
+
+// ---- before and after the loop (modsolveriod_start.cpp)
+// -----------------------------------------------------------------------
+
+/// Tells the memory of the vectors and the groups. @param more  doubles beside the work arrays of the system
+void announce(const linear_system& system, std::int64_t more, std::span<const equation_range> groups,
+              logger& log);
+/// b in z and the residual in r, projected when there is a projector; then the start of the report. w is
+/// work.
+void start_iteration(linear_system& system, linear_preconditioner& preconditioner, projector* deflation,
+                     const pcg_vectors& v, iteration_report& report, logger& log);
+/// `!computefinalrhs`: the right-hand side that the solutions solve exactly, beside the one that was given.
+/// w and z are work.
+void computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v, logger& log);
 
 }  // namespace zendar::detail

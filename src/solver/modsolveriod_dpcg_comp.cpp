@@ -99,22 +99,15 @@ class compressed_projector final : public detail::projector {
     detail::work_vector expanded_, product_;
 };
 
-void announce(const linear_system& system, const subdomains& z, std::span<const equation_range> groups,
-              logger& log) {
-    constexpr double mb_of_4_vectors = 1.0 / 32768.0, mb_of_double = 1.0 / 131072.0;
+void announce_subdomains(const linear_system& system, const subdomains& z, logger& log) {
+    constexpr double mb_of_double = 1.0 / 131072.0;
     const auto mb = [](double value) { return realtochar(value, "(f0.2)"); };
-    const auto neq = static_cast<double>(system.size());
     log.message("DEFLATED PCG (comp) will be applied with the following requirements:");
     log.message("Number of subdomains                : " + inttochar(z.nsub));
-    log.message("Memory (MB) needed for Z            : " + mb(neq * 0.5 * mb_of_double));
+    log.message("Memory (MB) needed for Z            : " +
+                mb(static_cast<double>(system.size()) * 0.5 * mb_of_double));
     log.message("Memory (MB) needed for inv(ZCZprime): " +
                 mb(std::pow(static_cast<double>(z.nsub), 2) * mb_of_double));
-    log.message("Memory (MB) needed for r,p,z,w  : " + mb(neq * mb_of_4_vectors));
-    log.message("Memory (MB) needed for tmp array: " +
-                mb((static_cast<double>(system.work_size()) + 2.0 * neq) * mb_of_double));
-    for (const equation_range& group : groups)
-        log.message("Convergence criteria will be computed for eq. " + inttochar(group.first) + " to " +
-                    inttochar(group.last));
 }
 
 }  // namespace
@@ -125,17 +118,14 @@ solver_result solver_dpcg_iod_comp(param_type& param, linear_system& system, str
                                    std::span<const covariable_type> cov, logger& log) {
     const std::int64_t neq = system.size();
     assert(std::ssize(x) == neq && std::ssize(z.of) == neq);
-    announce(system, z, groups, log);
+    announce_subdomains(system, z, log);
+    detail::announce(system, 2 * neq, groups, log);
     detail::check_groups(groups, neq, log);
     detail::iteration_report report(param, groups, cov, log);
 
     matrix<double> einv;
-    const wtime galerkin_clock;
     if (param.solver.galerkin == "none") {
-        log.message("Start the computation of inv(ZAZ)");
         einv = computeeinv(system, structured, z, log);
-        log.message("inv(ZAZ) computed (and saved to file)");
-        log.message(" Elapsed time to compute inv(ZAZ): " + realtochar(galerkin_clock.seconds(), "(f0.3)"));
     } else {
         log.message("Start reading inv(ZAZ)");
         einv = read_einv(param.solver.galerkin, z.nsub, log);
@@ -150,15 +140,7 @@ solver_result solver_dpcg_iod_comp(param_type& param, linear_system& system, str
     const detail::pcg_vectors v{.x = x, .r = r, .p = p, .z = zv, .w = w};
     compressed_projector deflation(system, z, einv);
 
-    log.message("Start the computation of the residual vector...");
-    const wtime clock;
-    system.r_equal_b_minus_atimesx(x, v.z, v.r);
-    clock.end(log, "Residual vector computed ");
-    const double bb = detail::sum_of_squares(v.z);
-    preconditioner.preconditionertimesx(v.w, v.z);
-    const double normminvb = std::sqrt(detail::sum_of_squares(v.w));
-    deflation.project(v.r);
-    report.start(v.z, v.r, bb, normminvb);
+    detail::start_iteration(system, preconditioner, &deflation, v, report, log);
 
     // The deflated system has no cheap true residual: it is never computed anew.
     detail::direction_rule direction;

@@ -102,6 +102,7 @@ void createeinv_opt_1(linear_system& system, structured_operator& structured, co
 
 matrix<double> computeeinv(linear_system& system, structured_operator* structured, const subdomains& z,
                            logger& log) {
+    log.message("Start the computation of inv(ZAZ)");
     matrix<double> e(z.nsub, z.nsub);
     const wtime clock;
     if (z.nsub <= most_plain || structured == nullptr)
@@ -132,17 +133,15 @@ matrix<double> computeeinv(linear_system& system, structured_operator* structure
     stream.write_values(std::span<const double>(e.values()));
     check_written(stream.commit(), stream_file, log);
     log.message("     Wall clock time (s) for writing: " + realtochar(writing.seconds(), "(f0.3)"));
+    log.message("inv(ZAZ) computed (and saved to file)");
+    log.message(" Elapsed time to compute inv(ZAZ): " + realtochar(clock.seconds(), "(f0.3)"));
     return e;
 }
 
 void computegalerkin(const param_type& param, linear_system& system, structured_operator* structured,
                      const subdomains& z, logger& log) {
     if (param.solver.galerkin != "none") fatal(log, "Internal error", module_tag, "computegalerkin");
-    const wtime clock;
-    log.message("Start the computation of inv(ZAZ)");
     static_cast<void>(computeeinv(system, structured, z, log));
-    log.message("inv(ZAZ) computed (and saved to file)");
-    log.message(" Elapsed time to compute inv(ZAZ): " + realtochar(clock.seconds(), "(f0.3)"));
 }
 
 }  // namespace zendar

@@ -1,57 +1,16 @@
-#include <algorithm>
 #include <cassert>
-#include <cmath>
 
-#include "modbasic.hpp"
-#include "modgeneral.hpp"
 #include "modheader.hpp"
 #include "modsolveriod_detail.hpp"
 
 namespace zendar {
-
-namespace {
-
-void announce(const linear_system& system, std::span<const equation_range> groups, logger& log) {
-    constexpr double mb_of_4_vectors = 1.0 / 32768.0, mb_of_double = 1.0 / 131072.0;
-    log.message("Memory (MB) needed for r,p,z,w  : " +
-                realtochar(static_cast<double>(system.size()) * mb_of_4_vectors, "(f0.2)"));
-    log.message("Memory (MB) needed for tmp array: " +
-                realtochar(static_cast<double>(system.work_size()) * mb_of_double, "(f0.2)"));
-    for (const equation_range& group : groups)
-        log.message("Convergence criteria will be computed for eq. " + inttochar(group.first) + " to " +
-                    inttochar(group.last));
-}
-
-}  // namespace
-
-void detail::computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v,
-                             logger& log) {
-    system.atimesx(v.x, v.w);
-    writeoutputstream_real8(param, v.w, "manufactured_rhs.stream", log);
-    writeoutput_real8(param, v.w, "manufactured_rhs.dat", log);
-    if (!system.read_savedb(v.z)) return;
-
-    double dd = 0.0, bb = 0.0, largest = 0.0, sum = 0.0;
-    for (std::int64_t i = 0; i < std::ssize(v.z); ++i) {
-        const double d = v.w[i] - v.z[i];
-        dd += d * d;
-        bb += v.z[i] * v.z[i];
-        largest = std::max(largest, std::fabs(d));
-        sum += std::fabs(v.z[i]);
-    }
-    const double mean = sum / static_cast<double>(std::ssize(v.z));
-    log.message("Recomputed CR                   : " + realtochar(dd / bb, "(e12.5)"));
-    log.message("Final absolute diff RHS         : " + realtochar(largest, "(e12.5)"));
-    log.message("Final relative absolute diff RHS: " + realtochar(largest / mean, "(e12.5)"));
-    writeoutput_real8(param, v.z, "real_rhs.dat", log);
-}
 
 solver_result solver_pcg_iod(param_type& param, linear_system& system, linear_preconditioner& preconditioner,
                              std::span<double> x, std::span<const equation_range> groups,
                              std::span<const covariable_type> cov, logger& log) {
     const std::int64_t neq = system.size();
     assert(std::ssize(x) == neq);
-    announce(system, groups, log);
+    detail::announce(system, 0, groups, log);
     detail::check_groups(groups, neq, log);
     detail::iteration_report report(param, groups, cov, log);
 
@@ -62,15 +21,7 @@ solver_result solver_pcg_iod(param_type& param, linear_system& system, linear_pr
     detail::work_vector r(neq);
     const detail::pcg_vectors v{.x = x, .r = r, .p = p, .z = z, .w = w};
 
-    log.message("Start the computation of the residual vector...");
-    const wtime clock;
-    system.r_equal_b_minus_atimesx(x, v.z, v.r);
-    clock.end(log, "Residual vector computed ");
-
-    const double bb = detail::sum_of_squares(v.z);
-    preconditioner.preconditionertimesx(v.w, v.z);
-    report.start(v.z, v.r, bb, std::sqrt(detail::sum_of_squares(v.w)));
-
+    detail::start_iteration(system, preconditioner, nullptr, v, report, log);
     detail::direction_rule direction;
     detail::pcg_state s;
     detail::pcg_loop({.c = system, .m = preconditioner, .direction = direction, .residual = &system}, v, s,
