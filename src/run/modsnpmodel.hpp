@@ -31,6 +31,11 @@ struct run_state {
     std::vector<double> rhs;
     std::vector<double> solutions;
     std::vector<double> aggregatesolutions;
+    crssparse lhsija;             ///< left-hand side in memory: sorted upper triangle
+    crssparse64 lhsija64;         ///< the same with indices of 64 bits; at most one of them has rows
+    bool lhs_is_inverse = false;  ///< `lhsija` has become its own inverse, on the pattern of the factor
+    std::vector<double> pev;      ///< prediction error variance of each equation
+    matrix<double> snpeffects, varhatsnp, pvalues;  ///< of `!pvalue`: SNPs x (effect, trait)
     std::unique_ptr<mme_iod> lhs_iod;  ///< the operator of the solvers on data
     std::unique_ptr<preconditioner> mija_global;
     modsolveriod::solver_state solver_iod;

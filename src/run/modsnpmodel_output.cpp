@@ -39,12 +39,4 @@ void output(run_state& run) {
     clock.end("END: writing output");
 }
 
-void pec(run_state& run) {
-    fatal(run.log, "Not implemented yet", "modsnpmodel", "pec");
-}
-
-void outputpevpec(run_state& run) {
-    fatal(run.log, "Not implemented yet", "modsnpmodel", "outputpevpec");
-}
-
 }  // namespace zendar

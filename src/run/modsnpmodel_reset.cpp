@@ -37,6 +37,11 @@ void resetmemory(run_state& run) {
     run.rhs = {};
     run.solutions = {};
     run.aggregatesolutions = {};
+    run.lhsija.destroy();
+    run.lhsija64.destroy();
+    run.lhs_is_inverse = false;
+    run.pev = {};
+    run.snpeffects = run.varhatsnp = run.pvalues = {};
     run.cov = {};
     run.ghuge.clear();
 }
