@@ -147,6 +147,12 @@ void set_coefficients(const param_type& param, const covariable_type& cov, std::
         if (row > 0) set_sparse_coefficients(cov.data->sparse.view(), row, param.ntrait, present, x);
         return;
     }
+    if (cov.is_plink()) {
+        for (std::int32_t j = 1; row > 0 && j <= param.nx[ie + 1]; ++j, x += param.ntrait)
+            for (std::int32_t t = 0; t < param.ntrait; ++t)
+                if (present[t] > 0) x[t] = getval(cov, row, j);
+        return;
+    }
     const auto values = cov.values();
     if (row < 1 || row > values.cols) return;
     assert(values.rows == param.nx[ie + 1]);

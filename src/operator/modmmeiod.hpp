@@ -124,6 +124,8 @@ class mme_iod final : public linear_system, public structured_operator {
     /// Reads external matrices, inverts the residual matrices, prepares the random effects and chooses the
     /// least-squares kernel.
     void setup_lhsrhs_iod(std::int32_t loptimem);
+    /// The same matrices without a kernel chosen: for an assembly of C in memory.
+    void setup_for_lhs();
     /// Frees all that the set-up made.
     void clean_lhs_iod();
 
@@ -133,6 +135,9 @@ class mme_iod final : public linear_system, public structured_operator {
                                  std::span<double> r) override;
     void r_equal_savedb_minus_atimesx(std::span<const double> x, std::span<double> r) override;
     bool read_savedb(std::span<double> b) override;
+    /// b, made from the records or read from the file that was provided, with the prior means; no copy is
+    /// kept. Times are appended to the text. @param work  neq values
+    void right_hand_side(std::span<double> b, std::span<double> work, std::string& text);
     [[nodiscard]] std::int64_t work_size() const override;
 
     [[nodiscard]] std::int64_t first_structured() const override;
@@ -153,8 +158,11 @@ class mme_iod final : public linear_system, public structured_operator {
     /// The diagonal of what an SNP effect of random type 22 (from 1) has of A^-1; empty for other effects.
     [[nodiscard]] std::vector<double> diagonal_of_snps(std::int32_t e) const;
 
-  private:
+    /// What the record step reads, but for the vector.
     [[nodiscard]] modmmeiod::record_input records() const;
+
+  private:
+    void setup_matrices();
     [[nodiscard]] const modmmeiod::ls_kernel* kernel() const;
     /// Leaves the sums of huge effects pending.
     void least_squares(const modmmeiod::record_input& in, std::span<double> r);

@@ -72,6 +72,18 @@ class single_step_block {
     /// sums += what stands between the genotypes, times G0^-1, times zx: both per SNP effect of the group,
     /// genotyped animals x (trait, vector), traits fastest.
     void add_between_snps(std::span<const matrix<double>> zx, std::span<matrix<double>> sums);
+    /// The animals (levels from 1) whose equations reach those of SNPs: the genotyped ones for type 30, those
+    /// beside them in A^-1 as well for type 22.
+    [[nodiscard]] std::span<const std::int32_t> coupled_animals() const {
+        return type_ == 22 ? std::span<const std::int32_t>(neighbours_) : a22i_.levels();
+    }
+    /// What stands between these animals and some SNPs, but for G0^-1: out has a row for each coupled animal.
+    /// @param snps  the coefficients of the SNPs, a row for each genotyped animal
+    void animals_times_snps(matrix_view<const double> snps, matrix_view<double> out);
+    /// The entry, in a block of the animal effects, of an SNP effect (from 1) and trait (from 0).
+    [[nodiscard]] std::int64_t entry(std::int32_t e, std::int64_t trait) const;
+    /// Weight of A22^-1 among the animal effects.
+    [[nodiscard]] double animal_weight() const { return tau_by_beta_ - omega_; }
     [[nodiscard]] double tau_by_beta() const { return tau_by_beta_; }
     /// Diagonal of A^-1 of the genotyped animals, for type 22.
     [[nodiscard]] std::vector<double> diagonal_of_ainv() const;

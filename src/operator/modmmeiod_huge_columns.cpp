@@ -131,5 +131,25 @@ void single_step_block::add_between_snps(std::span<const matrix<double>> zx, std
             }
 }
 
+std::int64_t single_step_block::entry(std::int32_t e, std::int64_t trait) const {
+    return members_[static_cast<std::size_t>(e - effect_)].entry[static_cast<std::size_t>(trait)];
+}
+
+void single_step_block::animals_times_snps(matrix_view<const double> snps, matrix_view<double> out) {
+    const std::int64_t n = a22i_.size();
+    std::vector<double> work(static_cast<std::size_t>(a22i_.work_size(snps.cols)));
+    if (type_ != 22) {
+        a22i_.computea22i_timesx(snps, out, work);
+        for (std::int64_t j = 0; j < out.cols; ++j)
+            for (double& v : out.column(j)) v *= -tau_by_beta_;
+        return;
+    }
+    matrix<double> inverse(n, snps.cols);
+    a22i_.computea22i_timesx(snps, inverse.view(), work);
+    beside_.multgenm(1.0, 't', snps, 0.0, out);
+    for (std::int64_t j = 0; j < out.cols; ++j)
+        for (std::int64_t k = 0; k < n; ++k) out(place_[k], j) -= inverse(k, j);
+}
+
 }  // namespace modmmeiod
 }  // namespace zendar

@@ -92,8 +92,7 @@ void mme_iod::priormean(std::span<double> b, std::span<double> work, std::string
     clock.end("Gi * prior_mean         : ");
 }
 
-void mme_iod::r_equal_b_minus_atimesx(std::span<const double> x, std::span<double> b, std::span<double> r) {
-    std::string text = "  Elapsed time (s) - r = b - C * x  :";
+void mme_iod::right_hand_side(std::span<double> b, std::span<double> work, std::string& text) {
     if (param_.providedrhs == "none") {
         computerhs(b, text);
     } else {
@@ -104,7 +103,12 @@ void mme_iod::r_equal_b_minus_atimesx(std::span<const double> x, std::span<doubl
         initvectorfromfile_real8(param_, b, param_.providedrhs, log_);
         clock.end("Read b                  : ");
     }
-    priormean(b, r, text);
+    priormean(b, work, text);
+}
+
+void mme_iod::r_equal_b_minus_atimesx(std::span<const double> x, std::span<double> b, std::span<double> r) {
+    std::string text = "  Elapsed time (s) - r = b - C * x  :";
+    right_hand_side(b, r, text);
     finish_residual(x, b, r, text);
 }
 

@@ -61,7 +61,7 @@ void mme_iod::clean_lhs_iod() {
     deallocrinv_vect(param_);
 }
 
-void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
+void mme_iod::setup_matrices() {
     state_ = {};
     for (std::int32_t e = 1; e <= param_.neffect; ++e)
         state_.nrhscontributions.push_back(computenrhscontributions(param_, e));
@@ -74,9 +74,13 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
 
     setup_random_effects();
     setup_huge_effects();
+    state_.terms = modmmeiod::make_record_terms(param_, cov_, state_.huge);
+}
+
+void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
+    setup_matrices();
     state_.loptimem = loptimem;
     assign_computeleastsquare();
-    state_.terms = modmmeiod::make_record_terms(param_, cov_, state_.huge);
     check_type_23();
 
     log_.message("Initialize the temporary array...");
@@ -92,6 +96,13 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
             "Omega different than 1 is not supported with the requested options! Omega will be set to 1.");
         param_.omega = 1.0;
     }
+}
+
+void mme_iod::setup_for_lhs() {
+    setup_matrices();
+    // The kernels of the least memory: they run once, for the right-hand side.
+    state_.loptimem = std::ranges::count(param_.type_random, 22) > 0 ? 0 : 1;
+    state_.blocks = modmmeiod::make_blocks(records(), 1);
 }
 
 void mme_iod::setup_random_effects() {

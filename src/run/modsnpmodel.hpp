@@ -6,6 +6,7 @@
 
 #include "modgeneral.hpp"
 #include "modlogger.hpp"
+#include "modmme.hpp"
 #include "modmmeiod.hpp"
 #include "modparameters.hpp"
 #include "modpreconditioneriod.hpp"
@@ -31,12 +32,13 @@ struct run_state {
     std::vector<double> rhs;
     std::vector<double> solutions;
     std::vector<double> aggregatesolutions;
+    lhs_limits limits;            ///< of the assembly in memory
     crssparse lhsija;             ///< left-hand side in memory: sorted upper triangle
     crssparse64 lhsija64;         ///< the same with indices of 64 bits; at most one of them has rows
     bool lhs_is_inverse = false;  ///< `lhsija` has become its own inverse, on the pattern of the factor
     std::vector<double> pev;      ///< prediction error variance of each equation
     matrix<double> snpeffects, varhatsnp, pvalues;  ///< of `!pvalue`: SNPs x (effect, trait)
-    std::unique_ptr<mme_iod> lhs_iod;  ///< the operator of the solvers on data
+    std::unique_ptr<mme_iod> lhs_iod;               ///< the operator of the solvers on data
     std::unique_ptr<preconditioner> mija_global;
     modsolveriod::solver_state solver_iod;
     bool finite = true;  ///< false: the solver ended on solutions that may replace no earlier ones
@@ -58,6 +60,8 @@ void initoutput(run_state& run);
 void output(run_state& run);
 void pec(run_state& run);
 void outputpevpec(run_state& run);
+/// True when steps behind the solver need the data.
+[[nodiscard]] bool needs_data(const run_state& run);
 void deallocdata(run_state& run);
 void resetmemory(run_state& run);
 

@@ -35,7 +35,20 @@ void setup_iod(run_state& run) {
     clock.end(run.log, "Setup of the preconditioner");
 }
 
+/// What the solvers in memory work on.
+void setup_inmem(run_state& run) {
+    lhs_inmem lhs = setup_lhsrhs({run.param, run.data, run.cov, run.ped, run.ghuge}, run.limits, run.log);
+    run.lhsija = std::move(lhs.lhsija);
+    run.lhsija64 = std::move(lhs.lhsija64);
+    run.rhs = std::move(lhs.rhs);
+    if (!needs_data(run)) deallocdata(run);
+}
+
 }  // namespace
+
+bool needs_data(const run_state& run) {
+    return run.param.lpec || !run.param.phendev.empty() || !run.param.yhat.empty();
+}
 
 void setlhsrhs(run_state& run) {
     logger& log = run.log;
@@ -50,9 +63,12 @@ void setlhsrhs(run_state& run) {
         std::ranges::any_of(run.cov, [](const covariable_type& cov) { return cov.compressed != nullptr; }))
         fatal(log, "Compressed covariables are not allowed for in-memory options", "modsnpmodel",
               "setlhsrhs");
-    if (!has_solver(code))
+    if (is_inmemory_solver(code))
+        setup_inmem(run);
+    else if (has_solver(code))
+        setup_iod(run);
+    else
         fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "setlhsrhs");
-    setup_iod(run);
     clock.end("END: creating LHS and RHS in memory");
 }
 

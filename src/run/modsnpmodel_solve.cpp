@@ -45,11 +45,6 @@ const solver_branch* find_branch(std::int32_t code) {
     return found == branches.end() ? nullptr : &*found;
 }
 
-/// True when steps behind the solver need the data.
-bool needs_data(const run_state& run) {
-    return run.param.lpec || !run.param.phendev.empty() || !run.param.yhat.empty();
-}
-
 }  // namespace
 
 bool has_solver(std::int32_t code) {

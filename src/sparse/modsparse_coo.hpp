@@ -84,6 +84,8 @@ class coosparse final : public gen_sparse {
 
     [[nodiscard]] std::int64_t nel() const noexcept { return slots_.size(); }
     [[nodiscard]] std::int64_t filled() const noexcept { return filled_; }
+    /// Whether so many more elements may make the table grow, which takes twice its memory besides.
+    [[nodiscard]] bool may_grow(std::int64_t more) const noexcept { return filled_ + more > most_filled_; }
     /// `ija` and `a`: all slots as they lie.
     [[nodiscard]] std::span<const coo_slot> slots() const noexcept { return slots_.span(); }
 

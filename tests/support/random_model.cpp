@@ -40,6 +40,7 @@ random_model::random_model(const model_choice& choice, std::uint64_t seed)
         tau = 0.5 + 0.25 * pick(0, 4);
         beta = 0.05 * pick(1, 8);
         omega = choice.huge == 22 ? 1.0 : 0.25 * pick(0, 4);
+        if (choice.in_memory) tau = omega = 1.0;
     }
     make_effects(choice);
     if (choice.huge >= 0) make_huge(choice);

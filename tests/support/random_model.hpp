@@ -40,6 +40,7 @@ struct model_choice {
     bool bed = false;  ///< genotypes from .bed files, too, where some are missing
     /// Makes a model of type 22 or 30 one that has the breeding values of a model with H^-1.
     bool single_step = false;
+    bool in_memory = false;  ///< nothing that the equations in memory do not take: tau and omega are 1
 };
 
 struct random_effect {

@@ -113,7 +113,7 @@ void random_model::make_genotypes(random_effect& effect, const model_choice& cho
     }
     effect.genotypes = matrix<std::int32_t>(n, effect.ncov);
     const bool from_file = chance(0.5);
-    effect.engine = chance(0.5);
+    effect.engine = chance(0.5) && !choice.in_memory;
     double sum = 0.0;
     for (std::int32_t j = 0; j < effect.ncov; ++j) {
         const double p = 0.1 + 0.1 * pick(0, 8);
