@@ -154,30 +154,17 @@ void with_order(std::int64_t order, Action&& action) {
     }
 }
 
-void multiply_diagonal(double* y, const float* d, const double* x, std::int64_t n) {
-    for (std::int64_t i = 0; i < n; ++i) y[i] = static_cast<double>(d[i]) * x[i];
-}
-
-/// Equations of a task: enough to be worth one, few enough to be shared among the threads.
-constexpr std::int64_t equations_of_task = 1 << 15;
-
 void preconditionertimesx_diagonal(double* y, std::span<const mija> mija_global, const double* x) {
     if (std::ranges::count(mija_global, precond_diagonal, &mija::type) == 0) return;
-#pragma omp parallel default(none) shared(y, x, mija_global, equations_of_task)
-    {
-#pragma omp single
-        for (const mija& part : mija_global) {
-            if (part.type != precond_diagonal) continue;
-            const std::int64_t offset = part.first - 1;
-            for (std::int64_t from = 0; from < part.dim1; from += equations_of_task) {
-                const std::int64_t n = std::min(equations_of_task, part.dim1 - from);
-                const float* const d = part.mat.data() + from;
-                double* const to = y + offset + from;
-                const double* const own = x + offset + from;
-#pragma omp task default(none) firstprivate(d, to, own, n)
-                multiply_diagonal(to, d, own, n);
-            }
-        }
+#pragma omp parallel default(none) shared(y, x, mija_global)
+    for (const mija& part : mija_global) {
+        if (part.type != precond_diagonal) continue;
+        const float* const d = part.mat.data();
+        double* const to = y + part.first - 1;
+        const double* const own = x + part.first - 1;
+        const std::int64_t n = part.dim1;
+#pragma omp for schedule(static) nowait
+        for (std::int64_t i = 0; i < n; ++i) to[i] = static_cast<double>(d[i]) * own[i];
     }
 }
 

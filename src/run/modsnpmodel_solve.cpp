@@ -1,9 +1,13 @@
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <optional>
 
 #include "modenum.hpp"
 #include "modgeneral.hpp"
 #include "modsnpmodel.hpp"
+#include "modsolver.hpp"
+#include "modsolveriod_chebyshev.hpp"
 #include "modsolveriod_dpcg_comp.hpp"
 #include "modstats.hpp"
 
@@ -32,13 +36,94 @@ void solve_dpcg_iod(run_state& run) {
                      .finite;
 }
 
+void solve_cheb_iod(run_state& run) {
+    run.rhs.assign(run.solutions.size(), 0.0);
+    run.finite =
+        solver_chebyshev_iod(run.param, *run.lhs_iod, *run.mija_global, run.solutions, run.rhs, run.log)
+            .finite;
+}
+
+// ---- in memory -------------------------------------------------------------------------------------------
+
+/// Calls `solver` with the left-hand side that has elements. What is not needed later is freed: always the
+/// factors, and the matrix unless reliabilities or its print follow.
+template <class Solver>
+void with_lhs(run_state& run, const Solver& solver) {
+    if (run.lhsija.totalnumberofelements() > 0)
+        solver(run.lhsija);
+    else
+        solver(run.lhsija64);
+    run.lhsija.reset_pardiso_memory();
+    run.lhsija64.reset_pardiso_memory();
+    if (run.param.lpec || run.param.solver.printlhs) return;
+    run.lhsija.destroy();
+    run.lhsija64.destroy();
+}
+
+inmem_arguments arguments_of(run_state& run) {
+    const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
+    return {.param = run.param,
+            .b = run.rhs,
+            .x = run.solutions,
+            .range = groups.empty() ? std::nullopt : std::optional(groups.front()),
+            .cov = run.cov,
+            .log = run.log};
+}
+
+/// First equation of each effect, and the number of equations plus 1. Effects may share those of another.
+std::vector<std::int64_t> first_equations(const param_type& param) {
+    std::vector<std::int64_t> first;
+    for (std::int32_t e = 1; e <= param.neffect; ++e) first.push_back(param.ntrait * param.sumlevel[e] + 1);
+    first.push_back(std::int64_t{param.neq} + 1);
+    std::ranges::sort(first);
+    return first;
+}
+
+void solve_pardiso(run_state& run) {
+    with_lhs(run, [&run](auto& lhs) {
+        lhs.solve(run.solutions, run.rhs);
+        for (const std::int32_t eq : empty_equations(lhs.view())) run.solutions[eq - 1] = 0.0;
+    });
+    run.finite = std::ranges::all_of(run.solutions, [](double value) { return std::isfinite(value); });
+    if (!run.finite) run.log.warning("The direct solver ended on a value that is not finite");
+}
+
+void solve_fpcg_inmem(run_state& run) {
+    with_lhs(run, [&run](const auto& lhs) {
+        run.finite = solver_fpcg_inmem(lhs, first_equations(run.param), arguments_of(run)).finite;
+    });
+}
+
+void solve_pcg_inmem(run_state& run) {
+    with_lhs(run,
+             [&run](const auto& lhs) { run.finite = solver_pcg_inmem(lhs, {}, arguments_of(run)).finite; });
+}
+
+void solve_pcg_inmem_block(run_state& run) {
+    with_lhs(run, [&run](const auto& lhs) {
+        run.finite = solver_pcg_inmem(lhs, first_equations(run.param), arguments_of(run)).finite;
+    });
+}
+
+void solve_dpcg_inmem(run_state& run) {
+    const subdomains z = deflationmatrix(run.param, run.log);
+    writeoutput_int4(run.param, z.of, "deflationmatrix.dat", run.log);
+    with_lhs(run, [&](const auto& lhs) { run.finite = solver_dpcg_inmem(lhs, z, arguments_of(run)).finite; });
+}
+
 /// One row per solver that is there.
 struct solver_branch {
     std::int32_t code;
     void (*run)(run_state&);
 };
-constexpr std::array<solver_branch, 2> branches{
-    {{code_pcg_iod, solve_pcg_iod}, {code_dpcg_iod, solve_dpcg_iod}}};
+constexpr std::array<solver_branch, 8> branches{{{code_pardiso, solve_pardiso},
+                                                 {code_fpcg_inmem, solve_fpcg_inmem},
+                                                 {code_pcg_inmem, solve_pcg_inmem},
+                                                 {code_pcg_inmem_block, solve_pcg_inmem_block},
+                                                 {code_dpcg_inmem, solve_dpcg_inmem},
+                                                 {code_pcg_iod, solve_pcg_iod},
+                                                 {code_dpcg_iod, solve_dpcg_iod},
+                                                 {code_cheb_iod, solve_cheb_iod}}};
 
 const solver_branch* find_branch(std::int32_t code) {
     const auto found = std::ranges::find(branches, code, &solver_branch::code);

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "modgeneral_convaggregate.hpp"
@@ -17,6 +19,15 @@ namespace zendar::detail {
 
 // ---- vector kernels (modsolveriod_kernels.cpp)
 // ----------------------------------------------------------------
+
+/// a * b + c, rounded once where the processor can do so at no cost.
+inline double multiply_add(double a, double b, double c) {
+#ifdef __FP_FAST_FMA
+    return std::fma(a, b, c);
+#else
+    return a * b + c;
+#endif
+}
 
 /// A vector that is zeroed, and so placed, by the threads that work on it.
 class work_vector {
@@ -42,16 +53,25 @@ struct direction_sums {
 direction_sums update_direction(std::span<const double> z, std::span<const double> r, std::span<double> p,
                                 double tau_old);
 
+/// The flexible form, which holds when M changes between iterations: beta = z'(r - previous) / tau_old. r
+/// becomes `previous`. 8 passes of 8 bytes.
+direction_sums update_direction_flexible(std::span<const double> z, std::span<const double> r,
+                                         std::span<double> previous, std::span<double> p, double tau_old);
+
 struct solution_sums {
     double alpha = 0.0;
     double dd = 0.0, maxdiff = 0.0;  ///< sum of squares, and maximum, of the changes of x
     double xx = 0.0;
     double rr = 0.0;  ///< 0 when r is not updated
 };
+/// What a step is when tau or p'w is too small to be divided by.
+enum class null_step : std::uint8_t { divide, rest };
 /// alpha = tau / p'w, x += alpha p, and unless `r` is empty r -= alpha w, with their sums, in one parallel
 /// region; 8 passes of 8 bytes, 5 without r.
+/// @param when_null  `rest`: alpha is 0, and x and r stay, when tau or p'w is below the normal numbers.
 solution_sums update_solution(double tau, std::span<const double> p, std::span<const double> w,
-                              std::span<double> x, std::span<double> r);
+                              std::span<double> x, std::span<double> r,
+                              null_step when_null = null_step::divide);
 
 double sum_of_squares(std::span<const double> v);
 /// The same over a range of equations.
@@ -67,6 +87,7 @@ struct pcg_state {
     double tau = 0.0, tau_old = 1.0, beta = 0.0;
     double alpha = 1.0, alpha_old = 1.0;
     double zz = 0.0, rr = 0.0, dd = 0.0, xx = 0.0, maxdiff = 0.0;
+    double rr_old = 0.0;  ///< before the update; b'b before the first one
 };
 
 /// P of the deflated solvers; the identity without deflation.
@@ -104,6 +125,10 @@ struct pcg_problem {
     direction_rule& direction;
     projector* deflation = nullptr;
     linear_system* residual = nullptr;  ///< computes the residual anew each 50th iteration, when it is there
+    /// The loop ends, before the least number of iterations if need be, where r is nothing but the rounding
+    /// of the update before, or where tau or p'w is null: what would follow has no direction. `rr` and
+    /// `rr_old` of the state are set by the caller.
+    bool ends_at_rounding = false;
 };
 
 /// Iterations from s.i on; s.i ends one past the last. Prints nothing and allocates nothing.
@@ -173,11 +198,19 @@ class criteria {
 // ---- control and report (modsolveriod_report.cpp)
 // -------------------------------------------------------------
 
-/// What a solver on data shows, writes and heeds in each iteration.
+/// The file of convergence and the form of its rows.
+struct report_form {
+    std::string file = "convergence.dat";
+    /// Rows of `convergence_inmem_row`, without header: CR, CD, and the ratios CK and CM as of
+    /// `convergence_row`. There are no groups.
+    bool inmem = false;
+};
+
+/// What a solver shows, writes and heeds in each iteration.
 class iteration_report final : public pcg_control {
   public:
     iteration_report(param_type& param, std::span<const equation_range> groups,
-                     std::span<const covariable_type> cov, logger& log);
+                     std::span<const covariable_type> cov, logger& log, report_form form = {});
 
     /// After the start-up: norms to the log, files opened, first rows, first look at the files of control.
     /// @param b  right-hand side, r  residual.
@@ -193,8 +226,8 @@ class iteration_report final : public pcg_control {
 
   private:
     void update_eigenvalues(std::int32_t i);
+    void write_row(std::int32_t i, const convergence_values& values);
     void write_ritz(std::int32_t i);
-    void write_tmpsol(const pcg_state& s, std::span<const double> x);
     void log_iteration(std::int32_t i, double tau, double seconds);
 
     param_type& param_;
@@ -202,6 +235,7 @@ class iteration_report final : public pcg_control {
     std::span<const equation_range> ranges_;
     std::span<const covariable_type> cov_;
     logger& log_;
+    report_form form_;
     std::string directory_;
     criteria criteria_;
     std::int32_t miniter_, maxiter_now_;
@@ -213,6 +247,12 @@ class iteration_report final : public pcg_control {
     wtime clock_;
 };
 
+/// In the iterations that are due: the statistics of `!statprevioussol`, and x to the temporary stream unless
+/// it has values that are not finite. @param xx  x'x
+void write_tmpsol(const param_type& param, std::int32_t i, double xx, std::span<const double> x,
+                  std::span<const equation_range> groups, logger& log);
+void warn_not_finite(logger& log);
+
 // ---- before and after the loop (modsolveriod_start.cpp)
 // -----------------------------------------------------------------------
 
@@ -223,6 +263,9 @@ void announce(const linear_system& system, std::int64_t more, std::span<const eq
 /// work.
 void start_iteration(linear_system& system, linear_preconditioner& preconditioner, projector* deflation,
                      const pcg_vectors& v, iteration_report& report, logger& log);
+/// The last part of it: b is in z and the residual in r.
+void start_report(linear_preconditioner& preconditioner, projector* deflation, const pcg_vectors& v,
+                  iteration_report& report);
 /// `!computefinalrhs`: the right-hand side that the solutions solve exactly, beside the one that was given.
 /// w and z are work.
 void computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v, logger& log);

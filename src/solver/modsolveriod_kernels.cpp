@@ -1,5 +1,6 @@
 #include <cassert>
 #include <cmath>
+#include <limits>
 
 #include "modsolveriod_detail.hpp"
 
@@ -7,13 +8,9 @@ namespace zendar::detail {
 
 namespace {
 
-/// a * b + c, rounded once where the processor can do so at no cost.
-inline double multiply_add(double a, double b, double c) {
-#ifdef __FP_FAST_FMA
-    return std::fma(a, b, c);
-#else
-    return a * b + c;
-#endif
+/// Zero, or so small that a quotient has no digits.
+bool is_null(double value) {
+    return std::fabs(value) < std::numeric_limits<double>::min();
 }
 
 double squares(const double* v, std::int64_t first, std::int64_t end) {
@@ -56,8 +53,36 @@ direction_sums update_direction(std::span<const double> z_values, std::span<cons
     return {zz, tau, beta};
 }
 
+direction_sums update_direction_flexible(std::span<const double> z_values, std::span<const double> r_values,
+                                         std::span<double> previous_values, std::span<double> p_values,
+                                         double tau_old) {
+    assert(z_values.size() == r_values.size() && p_values.size() == r_values.size());
+    assert(previous_values.size() == r_values.size());
+    const std::int64_t n = std::ssize(p_values);
+    const double* const z = z_values.data();
+    const double* const r = r_values.data();
+    double* const previous = previous_values.data();
+    double* const p = p_values.data();
+    double zz = 0.0, tau = 0.0, change = 0.0, beta = 0.0;
+#pragma omp parallel default(none) shared(z, r, previous, p, n, zz, tau, change, beta, tau_old)
+    {
+#pragma omp for schedule(static) reduction(+ : zz, tau, change)
+        for (std::int64_t i = 0; i < n; ++i) {
+            zz += z[i] * z[i];
+            tau += z[i] * r[i];
+            change += z[i] * (r[i] - previous[i]);
+            previous[i] = r[i];
+        }
+#pragma omp single
+        beta = change / tau_old;
+#pragma omp for simd schedule(static)
+        for (std::int64_t i = 0; i < n; ++i) p[i] = multiply_add(beta, p[i], z[i]);
+    }
+    return {zz, tau, beta};
+}
+
 solution_sums update_solution(double tau, std::span<const double> p_values, std::span<const double> w_values,
-                              std::span<double> x_values, std::span<double> r_values) {
+                              std::span<double> x_values, std::span<double> r_values, null_step when_null) {
     assert(p_values.size() == w_values.size() && p_values.size() == x_values.size());
     assert(r_values.empty() || r_values.size() == x_values.size());
     const std::int64_t n = std::ssize(x_values);
@@ -67,12 +92,13 @@ solution_sums update_solution(double tau, std::span<const double> p_values, std:
     double* const x = x_values.data();
     double* const r = r_values.data();
     double pw = 0.0, alpha = 0.0, dd = 0.0, maxdiff = 0.0, xx = 0.0, rr = 0.0;
-#pragma omp parallel default(none) shared(p, w, x, r, n, with_r, tau, pw, alpha, dd, maxdiff, xx, rr)
+#pragma omp parallel default(none) \
+    shared(p, w, x, r, n, with_r, tau, pw, alpha, dd, maxdiff, xx, rr, when_null)
     {
 #pragma omp for simd schedule(static) reduction(+ : pw)
         for (std::int64_t i = 0; i < n; ++i) pw += p[i] * w[i];
 #pragma omp single
-        alpha = tau / pw;
+        alpha = when_null == null_step::rest && (is_null(tau) || is_null(pw)) ? 0.0 : tau / pw;
         // Not simd: clang 16 then loses terms of these sums. Memory is the limit with one lane as well.
         if (with_r) {
 #pragma omp for schedule(static) reduction(+ : dd, xx, rr) reduction(max : maxdiff)

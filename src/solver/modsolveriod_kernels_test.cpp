@@ -111,6 +111,38 @@ TEST_P(VectorKernels, AreZeroAtFirst) {
                 testing::Each(0.0));
 }
 
+TEST_P(VectorKernels, FormTheFlexibleDirection) {
+    const auto z = test::random_vector(n_, generator_), r = test::random_vector(n_, generator_);
+    const auto before = test::random_vector(n_, generator_), p_before = test::random_vector(n_, generator_);
+    auto previous = before, p = p_before;
+    const direction_sums sums = update_direction_flexible(z, r, previous, p, 0.7);
+    double zz = 0.0, tau = 0.0, change = 0.0;
+    for (int i = 0; i < n_; ++i) {
+        zz += z[i] * z[i];
+        tau += z[i] * r[i];
+        change += z[i] * (r[i] - before[i]);
+    }
+    const double rounding = 1e-14 * (1.0 + static_cast<double>(n_));
+    EXPECT_NEAR(sums.zz, zz, rounding);
+    EXPECT_NEAR(sums.tau, tau, rounding);
+    EXPECT_NEAR(sums.beta, change / 0.7, rounding);
+    for (int i = 0; i < n_; ++i) ASSERT_NEAR(p[i], sums.beta * p_before[i] + z[i], rounding);
+    EXPECT_EQ(previous, r);
+}
+
+TEST(UpdateSolution, RestsWhereItIsAskedTo) {
+    const std::vector<double> p = {1.0, 0.0}, w = {0.0, 1.0}, q = {2.0, 0.0};
+    std::vector<double> x(2, 1.0), r(2, 1.0);
+    EXPECT_EQ(update_solution(1.0, p, w, x, r, null_step::rest).alpha, 0.0);
+    EXPECT_EQ(update_solution(1e-310, p, q, x, r, null_step::rest).alpha, 0.0);
+    EXPECT_THAT(x, testing::Each(1.0));
+    EXPECT_THAT(r, testing::Each(1.0));
+    EXPECT_EQ(update_solution(1.0, p, q, x, r, null_step::rest).alpha, 0.5);
+    EXPECT_THAT(x, testing::ElementsAre(1.5, 1.0));
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_TRUE(std::isnan(update_solution(nan, p, q, x, r, null_step::rest).alpha));
+}
+
 TEST(UpdateSolution, GivesAStepThatIsNotANumberForAZeroProduct) {
     const std::vector<double> p(3, 0.0), w(3, 0.0);
     std::vector<double> x(3, 1.0), r(3, 1.0);

@@ -1,5 +1,7 @@
 #include "modsolveriod_detail.hpp"
 
+#include <limits>
+
 namespace zendar::detail {
 
 namespace {
@@ -7,11 +9,17 @@ namespace {
 /// Rounding lets the recursive residual drift from b - C x; that is put right as often as this.
 constexpr std::int32_t residual_period = 50;
 
+/// r'r of what a few roundings leave, relative to r'r before.
+constexpr double rounding_level =
+    64.0 * std::numeric_limits<double>::epsilon() * std::numeric_limits<double>::epsilon();
+
 }  // namespace
 
 // Moves 13 * 8 * neq bytes an iteration besides the product, the projector and the preconditioner.
 void pcg_loop(const pcg_problem& problem, const pcg_vectors& v, pcg_state& s, pcg_control& control) {
+    const null_step when_null = problem.ends_at_rounding ? null_step::rest : null_step::divide;
     while (control.goes_on(s)) {
+        if (problem.ends_at_rounding && s.rr <= rounding_level * s.rr_old) return;
         problem.m.preconditionertimesx(v.z, v.r);
 
         const direction_sums direction = problem.direction(v, s.tau_old);
@@ -24,12 +32,15 @@ void pcg_loop(const pcg_problem& problem, const pcg_vectors& v, pcg_state& s, pc
         if (problem.deflation != nullptr) problem.deflation->project(v.w);
 
         const bool anew = problem.residual != nullptr && s.i % residual_period == 0;
-        const solution_sums step = update_solution(s.tau, v.p, v.w, v.x, anew ? std::span<double>() : v.r);
+        const solution_sums step =
+            update_solution(s.tau, v.p, v.w, v.x, anew ? std::span<double>() : v.r, when_null);
+        if (problem.ends_at_rounding && step.alpha == 0.0) return;
         s.alpha_old = s.alpha;
         s.alpha = step.alpha;
         s.dd = step.dd;
         s.maxdiff = step.maxdiff;
         s.xx = step.xx;
+        s.rr_old = s.rr;
         s.rr = step.rr;
         control.updated(s, v);
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "modbasic.hpp"
 #include "modgeneral.hpp"
@@ -19,12 +20,13 @@ constexpr std::int32_t first_ritz = 100;
 }  // namespace
 
 iteration_report::iteration_report(param_type& param, std::span<const equation_range> groups,
-                                   std::span<const covariable_type> cov, logger& log)
+                                   std::span<const covariable_type> cov, logger& log, report_form form)
     : param_(param),
       solver_(param.solver),
       ranges_(groups),
       cov_(cov),
       log_(log),
+      form_(std::move(form)),
       directory_(output_prefix(param.outputdir)),
       criteria_(param.solver, log),
       miniter_(solver_.miniter > 0 ? solver_.miniter : default_miniter),
@@ -38,8 +40,8 @@ void iteration_report::start(std::span<const double> b, std::span<const double> 
     groups_.emplace(ranges_, b);
     groups_->start(r);
 
-    convergence_.emplace(directory_ + "convergence.dat", log_);
-    convergence_->write(convergence_header(ranges_.size()));
+    convergence_.emplace(directory_ + form_.file, log_);
+    if (!form_.inmem) convergence_->write(convergence_header(ranges_.size()));
     if (param_.computeeigen > 0) ritz_.emplace(directory_ + "ritzvalue.dat", log_);
 
     log_.message("");
@@ -52,7 +54,7 @@ void iteration_report::start(std::span<const double> b, std::span<const double> 
     const pcg_state before_any{.i = 1};
     convergence_values first = criteria_.row(before_any);
     first.cd = 1.0;
-    convergence_->write(convergence_row(1, first, groups_->cr_effect(), groups_->cd_effect()));
+    write_row(1, first);
     if (solver_.esteigen) t_.emplace();
     check_continue(solver_, maxiter_now_, log_);
 }
@@ -67,17 +69,18 @@ void iteration_report::updated(const pcg_state& s, const pcg_vectors& v) {
 }
 
 void iteration_report::iterated(const pcg_state& s, const pcg_vectors& v) {
-    if (t_ && s.i > 2) t_->update(s.i, s.beta, s.alpha_old);
+    // Of a solved system rounding makes the flexible beta negative.
+    if (t_ && s.i > 2) t_->update(s.i, form_.inmem && s.beta < 0.0 ? 0.0 : s.beta, s.alpha_old);
     groups_->iterated(s, v);
     update_eigenvalues(s.i);
     criteria_.iterated(s);
 
     log_iteration(s.i, s.tau, clock_.seconds());
-    convergence_->write(convergence_row(s.i, criteria_.row(s), groups_->cr_effect(), groups_->cd_effect()));
+    write_row(s.i, criteria_.row(s));
     write_ritz(s.i);
     check_continue(solver_, maxiter_now_, log_);
     graph_.draw(s.i);
-    write_tmpsol(s, v.x);
+    write_tmpsol(param_, s.i, s.xx, v.x, ranges_, log_);
     if (solver_.peek) peekoption(param_, s.i, v.x, cov_, log_);
 }
 
@@ -99,12 +102,24 @@ void iteration_report::write_ritz(std::int32_t i) {
     ritz_->write(ritz_row(i, smallest, largest, criteria_.ck() / smallest * solver_.eigmin));
 }
 
-void iteration_report::write_tmpsol(const pcg_state& s, std::span<const double> x) {
-    const std::int32_t period = solver_.nwritetmpsol;
-    if (period < 1 || s.i % period != 0) return;
-    if (solver_.statprevioussol && s.i > period) computestatsprevioussol(param_, s.i, x, ranges_, log_);
+void iteration_report::write_row(std::int32_t i, const convergence_values& values) {
+    convergence_->write(
+        form_.inmem ? convergence_inmem_row(i, values.tau, {values.cr, values.cd, values.ck, values.cm})
+                    : convergence_row(i, values, groups_->cr_effect(), groups_->cd_effect()));
+}
+
+void write_tmpsol(const param_type& param, std::int32_t i, double xx, std::span<const double> x,
+                  std::span<const equation_range> groups, logger& log) {
+    const solver_type& solver = param.solver;
+    const std::int32_t period = solver.nwritetmpsol;
+    if (period < 1 || i % period != 0) return;
+    if (solver.statprevioussol && i > period) computestatsprevioussol(param, i, x, groups, log);
     // A restart must not find values that are not finite. x'x shows most often that there are none.
-    if (std::isfinite(s.xx) || all_finite(x)) write_raw_stream(x, solver_.tmpsol, log_);
+    if (std::isfinite(xx) || all_finite(x)) write_raw_stream(x, solver.tmpsol, log);
+}
+
+void warn_not_finite(logger& log) {
+    log.warning("The iteration ended on a value that is not finite");
 }
 
 void iteration_report::log_iteration(std::int32_t i, double tau, double seconds) {
@@ -116,8 +131,7 @@ void iteration_report::log_iteration(std::int32_t i, double tau, double seconds)
 solver_result iteration_report::finish(const pcg_state& s, std::span<const double> x) {
     clock_.end(log_, "All iterations (" + inttochar(s.i - 1) + ") ");
     const solver_result result{.counter = s.i, .finite = all_finite(x)};
-    if (!result.finite || !std::isfinite(criteria_.selected()))
-        log_.warning("The iteration ended on a value that is not finite");
+    if (!result.finite || !std::isfinite(criteria_.selected())) warn_not_finite(log_);
 
     convergence_.reset();
     ritz_.reset();

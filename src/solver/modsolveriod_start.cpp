@@ -25,7 +25,11 @@ void start_iteration(linear_system& system, linear_preconditioner& preconditione
     const wtime clock;
     system.r_equal_b_minus_atimesx(v.x, v.z, v.r);
     clock.end(log, "Residual vector computed ");
+    start_report(preconditioner, deflation, v, report);
+}
 
+void start_report(linear_preconditioner& preconditioner, projector* deflation, const pcg_vectors& v,
+                  iteration_report& report) {
     const double bb = sum_of_squares(v.z);
     preconditioner.preconditionertimesx(v.w, v.z);
     const double normminvb = std::sqrt(sum_of_squares(v.w));
