@@ -66,4 +66,13 @@ void readdata_pedploidy_ascii(const param_type& param, pedigree_list& list, logg
 /// Two passes by all threads; 16 bytes an element beside the result.
 [[nodiscard]] crssparse readcootoija(const std::string& file, std::int32_t n, logger& log);
 
+/// Reads the inverse of a genomic relationship matrix from lines "i j value", as `readcootoija` does; i and j are
+/// levels of an effect.
+/// @param levels  the level of each row and column of the result, each once; no others may stand in the file,
+///                and each needs a diagonal element.
+/// @param n_level  largest level.
+/// @throws fatal_error  with the file and its first bad line, or the first level that it lacks.
+[[nodiscard]] matrix<double> readginverse(const std::string& file, std::span<const std::int32_t> levels,
+                                          std::int32_t n_level, logger& log);
+
 }  // namespace zendar

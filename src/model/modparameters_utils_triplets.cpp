@@ -48,20 +48,30 @@ column_sum sum_column(std::span<const triplet> row, std::size_t& k) {
     return sum;
 }
 
-/// Row and column of a line, both from 1 to n.
-const char* parse_position(const char* p, std::int32_t n, std::int64_t (&position)[2], record_fault& fault) {
+/// Row and column of an element of the upper triangle.
+struct upper_position {
+    std::int32_t row = 0, column = 0;
+};
+upper_position in_upper_triangle(const std::int64_t (&position)[2]) {
+    const auto [least, most] = std::minmax(position[0], position[1]);
+    return {static_cast<std::int32_t>(least), static_cast<std::int32_t>(most)};
+}
+
+}  // namespace
+
+const char* parse_position(const char* p, const std::int32_t (&limits)[2], std::int64_t (&position)[2],
+                           record_fault& fault) {
     for (int k = 0; k < 2; ++k) {
         p = parse_integer(p, k + 1, position[k], fault);
         if (fault.kind != record_fault_kind::none) return p;
-        if (position[k] >= 1 && position[k] <= n) continue;
+        if (position[k] >= 1 && position[k] <= limits[k]) continue;
         fault.set(record_fault_kind::out_of_range, k + 1, inttochar(position[k]));
-        fault.limit = n;
+        fault.limit = limits[k];
         return p;
     }
     return p;
 }
 
-/// The value behind the position, and nothing else.
 const char* parse_value(const char* p, double& value, record_fault& fault) {
     const char* const first = p;
     p = parse_record(p, {&value, 1}, fault);
@@ -80,17 +90,6 @@ const char* parse_value(const char* p, double& value, record_fault& fault) {
     }
     return parse_line_end(p, fault);
 }
-
-/// Row and column of an element of the upper triangle.
-struct upper_position {
-    std::int32_t row = 0, column = 0;
-};
-upper_position in_upper_triangle(const std::int64_t (&position)[2]) {
-    const auto [least, most] = std::minmax(position[0], position[1]);
-    return {static_cast<std::int32_t>(least), static_cast<std::int32_t>(most)};
-}
-
-}  // namespace
 
 std::int64_t merge_symmetric(std::span<triplet> row) {
     if (find_conflict(row).column > 0) return -1;
@@ -212,7 +211,7 @@ record_fault read_symmetric_triplets(const block_file& text, triplet_rows& eleme
     record_fault fault =
         read_lines(text, text.lines(), [&](const char* p, std::int64_t, record_fault& found) {
             std::int64_t position[2] = {};
-            p = parse_position(p, n, position, found);
+            p = parse_position(p, {n, n}, position, found);
             if (found.kind == record_fault_kind::none) elements.count(in_upper_triangle(position).row);
             return p;
         });
@@ -221,7 +220,7 @@ record_fault read_symmetric_triplets(const block_file& text, triplet_rows& eleme
     return read_lines(text, text.lines(), [&](const char* p, std::int64_t, record_fault& found) {
         std::int64_t position[2] = {};
         double value = 0.0;
-        p = parse_position(p, n, position, found);
+        p = parse_position(p, {n, n}, position, found);
         if (found.kind == record_fault_kind::none) p = parse_value(p, value, found);
         if (found.kind != record_fault_kind::none) return p;
         const auto [row, column] = in_upper_triangle(position);
@@ -237,7 +236,7 @@ std::vector<std::int64_t> lines_of_element(const block_file& text, std::int32_t 
     std::mutex access;
     read_lines(text, text.lines(), [&](const char* p, std::int64_t line, record_fault& fault) {
         std::int64_t position[2] = {};
-        p = parse_position(p, n, position, fault);
+        p = parse_position(p, {n, n}, position, fault);
         if (fault.kind != record_fault_kind::none) return p;
         const upper_position upper = in_upper_triangle(position);
         if (upper.row == row && upper.column == column) {

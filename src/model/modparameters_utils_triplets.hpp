@@ -68,6 +68,12 @@ class triplet_rows {
     std::vector<triplet> elements_;
 };
 
+/// Row and column of the line "i j value" at `p`, from 1 to their limits, by the rules of `parse_record`.
+const char* parse_position(const char* p, const std::int32_t (&limits)[2], std::int64_t (&position)[2],
+                           record_fault& fault);
+/// The finite value behind them, and nothing else.
+const char* parse_value(const char* p, double& value, record_fault& fault);
+
 /// Reads the lines "i j value" of an indexed file into the rows of the upper triangle; i and j count from 1
 /// to their number. A line holds three values, the third one finite, and nothing else.
 /// @returns the fault of the first bad line.

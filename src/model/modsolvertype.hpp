@@ -40,6 +40,7 @@ struct solver_type {
     bool harville = false;
     bool peek = false;
     bool printlhs = false;
+    bool eigenlhs = false;
     bool altconv = false;
     bool computegalerkin = false;
     bool computefinalrhs = false;

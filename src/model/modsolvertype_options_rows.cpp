@@ -338,6 +338,12 @@ std::vector<solver_option> make_solver_options() {
             {"printlhs"},
             {"!printlhs", "Will save the LHS in a file", "Will print the LHS if an option \"inmem\" is used"},
             &solver_type::printlhs),
+        flag({"eigenlhs"},
+             {"!eigenlhs",
+              "Will save the eigenvalues and eigenvectors of the LHS from 1e-10 to 10 and from 1e5 to 1e10, 100 "
+              "at most of each.",
+              "Will compute eigenvalues of the LHS if an option \"inmem\" is used"},
+             &solver_type::eigenlhs),
         {.usage = "!restart",
          .help = "Read the solutions from stream file (e.g., after a crash).",
          .keywords = {"restart"},

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "modlogger.hpp"
 #include "modparameters.hpp"
@@ -106,6 +107,10 @@ void initvectorfromfile_array_real8(const param_type& param, matrix<double>& arr
 
 // ---- aggregates (modgeneral_aggregate.cpp)
 // -----------------------------------------------------------------------
+
+/// The pairs that the aggregate solutions add up: those of `!sumeffect`, and each SNP effect of type 22 with its
+/// animal effect, which is 0 when it has none.
+[[nodiscard]] std::vector<effect_pair> aggregate_pairs(const param_type& param);
 
 /// Solutions with covariable effects expanded and summed; empty when there is nothing to aggregate.
 void computeaggregatesolutions(const param_type& param, std::span<const double> solutions,

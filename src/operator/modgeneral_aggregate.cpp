@@ -76,6 +76,13 @@ void add_covariates(const param_type& param, std::span<const double> solutions, 
 
 }  // namespace
 
+std::vector<effect_pair> aggregate_pairs(const param_type& param) {
+    std::vector<effect_pair> pairs = param.sumeffect;
+    for (std::int32_t e = 1; e <= param.neffect; ++e)
+        if (param.type_random_eff[e - 1] == 22) pairs.push_back({e, detail::linked_effect(param, e)});
+    return pairs;
+}
+
 void computeaggregatesolutions(const param_type& param, std::span<const double> solutions,
                                std::span<const covariable_type> cov, std::vector<double>& aggregatesolutions,
                                logger& log) {

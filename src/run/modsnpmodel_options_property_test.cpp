@@ -100,6 +100,7 @@ class random_options {
                                                                    "noesteig",
                                                                    "peek I J",
                                                                    "printlhs",
+                                                                   "eigenlhs",
                                                                    "restart",
                                                                    "scaleinvprec W L",
                                                                    "scaleinvprec W L",

@@ -203,7 +203,13 @@ void replace(crssparse& m, outcome what, const auto& factorise) {
     if (!m.issquare() || !m.isupperstorage())
         reject(m, " ERROR: the CRS matrix must be square and upper triangular stored");
     const std::vector<std::int32_t> order = [&m] {
-        if (!m.haspermutation32()) return m.getordering();
+        if (!m.haspermutation32()) {
+            const wtime clock;
+            std::vector<std::int32_t> found = m.getordering();
+            if (logger* const unlog = m.getoutputunit(); unlog != nullptr)
+                unlog->message(" Elapsed time (s) for ordering  = " + realtochar(clock.seconds(), "(f0.3)"));
+            return found;
+        }
         const auto given = m.getpermutation32();
         return std::vector<std::int32_t>(given.begin(), given.end());
     }();

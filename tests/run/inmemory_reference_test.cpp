@@ -4,6 +4,8 @@
 #include <array>
 #include <random>
 
+#include "modblas.hpp"
+#include "modenum.hpp"
 #include "modmme.hpp"
 #include "random_model.hpp"
 #include "read_model.hpp"
@@ -68,6 +70,109 @@ TEST(InMemoryReference, LeftAndRightHandSideOfRandomModels) {
         if (HasFailure()) break;
     }
     EXPECT_EQ(nhuge, 100);
+}
+
+/// The smallest eigenvalue of a dense matrix, relative to the largest one.
+double smallest_eigenvalue(const matrix<double>& c) {
+    matrix<double> work = c;
+    std::vector<double> values(static_cast<std::size_t>(c.rows()));
+    EXPECT_EQ(lapack_dsyevd(work.view(), values), 0);
+    return values.front() / values.back();
+}
+
+/// Whether it has none below 0 but for rounding.
+bool is_semidefinite(const matrix<double>& c) {
+    return smallest_eigenvalue(c) > -1e-10;
+}
+
+/// Solutions of one solver, for the equations that stand in memory.
+std::vector<double> solution_of(const random_model& model, const std::string& options, bool wide) {
+    read_model read(model, options);
+    if (wide) read.run.limits.crs_elements = 0;
+    setlhsrhs(read.run);
+    solve(read.run);
+    return read.run.solutions;
+}
+
+/// Largest and smallest eigenvalue of D^-1 C other than 0, D being the diagonal of C in single precision.
+std::pair<double, double> bounds_of(const matrix<double>& c, double zero) {
+    std::vector<std::int64_t> kept;
+    for (std::int64_t i = 0; i < c.rows(); ++i)
+        if (c(i, i) > 0.0) kept.push_back(i);
+    matrix<double> scaled(std::ssize(kept), std::ssize(kept));
+    for (std::int64_t i = 0; i < std::ssize(kept); ++i)
+        for (std::int64_t j = 0; j < std::ssize(kept); ++j)
+            scaled(i, j) = c(kept[i], kept[j]) / std::sqrt(c(kept[i], kept[i]) * c(kept[j], kept[j]));
+    std::vector<double> values(kept.size());
+    EXPECT_EQ(lapack_dsyevd(scaled.view(), values), 0);
+    const auto first = std::ranges::find_if(values, [&](double v) { return v > zero * values.back(); });
+    return {values.back(), *first};
+}
+
+TEST(InMemoryReference, SolutionsOfRandomModels) {
+    int nsolved = 0, nblocks = 0;
+    for (std::uint64_t seed = 1; seed <= 250; ++seed) {
+        const random_model model(choice_of(seed), seed);
+        // H^-1 with groups need not be definite.
+        if (!is_semidefinite(model.c)) continue;
+        if (std::ranges::all_of(model.b, [](double v) { return v == 0.0; })) continue;
+        SCOPED_TRACE("seed " + std::to_string(seed) + ": " + model.describe());
+        const threads scope(static_cast<int>(1 + seed % 4));
+        const std::vector<double> expected = model.estimable(dense_solution(model.c, model.b));
+        const auto [large, small] = bounds_of(model.c, 1e-13);
+        const double condition = large / small;
+        for (const char* solver : {"pardiso", "pcg_inmem", "pcg_inmem_block", "fpcg_inmem", "dpcg_inmem 3"}) {
+            SCOPED_TRACE(solver);
+            // Blocks that are all but dependent leave rounding errors that CG cannot outrun.
+            const bool blocks = solver[0] == 'f' || std::string(solver) == "pcg_inmem_block";
+            if (blocks && condition > 1e8) continue;
+            nblocks += blocks ? 1 : 0;
+            // A trait may be a subdomain that C does not see.
+            if (solver[0] == 'd' && smallest_eigenvalue(model.c) < 1e-10) continue;
+            const std::vector<double> x =
+                solution_of(model,
+                            "!solver " + std::string(solver) +
+                                "\n!convcrit 1e-25\n!miniter 1\n!maxiter 800\n!noesteigen\n",
+                            seed % 2 == 0);
+            EXPECT_LT(difference(model.estimable(x), expected), 1e-8);
+        }
+        ++nsolved;
+        if (HasFailure()) break;
+    }
+    EXPECT_GT(nsolved, 200);
+    EXPECT_GT(nblocks, 2 * 190);
+}
+
+TEST(InMemoryReference, ChebyshevIterationsOfRandomModels) {
+    int nsolved = 0;
+    for (std::uint64_t seed = 1; seed <= 120; ++seed) {
+        model_choice choice = choice_of(seed);
+        // The preconditioner is to be the diagonal of C: nothing that is estimated or left out.
+        choice.andeffect = choice.combieff = false;
+        choice.huge = -1;
+        const random_model model(choice, seed);
+        if (std::ranges::any_of(model.effects, [](const auto& e) { return is_a22i_effect(e.type_random); }))
+            continue;
+        if (!is_semidefinite(model.c)) continue;
+        if (std::ranges::all_of(model.b, [](double v) { return v == 0.0; })) continue;
+        const auto [large, small] = bounds_of(model.c, 1e-9);
+        if (large / small > 1e5) continue;  // too many iterations
+        SCOPED_TRACE("seed " + std::to_string(seed) + ": " + model.describe());
+        const threads scope(static_cast<int>(1 + seed % 4));
+        const std::int32_t last = static_cast<std::int32_t>(model.effects.size());
+        std::string letters = "!structprecond d " + std::to_string(last);
+        for (std::int32_t e = 1; e <= last; ++e) letters += " " + std::to_string(e);
+        const std::vector<double> x =
+            solution_of(model,
+                        "!solver cheb_iod " + number(1.001 * large) + " " + number(0.999 * small) +
+                            "\n!convcrit 1e-24\n!maxiter 30000\n" + letters + "\n",
+                        false);
+        const std::vector<double> expected = model.estimable(dense_solution(model.c, model.b));
+        EXPECT_LT(difference(model.estimable(x), expected), 1e-8) << large << " " << small;
+        ++nsolved;
+        if (HasFailure()) break;
+    }
+    EXPECT_GT(nsolved, 60);
 }
 
 TEST(InMemoryReference, IncidenceMatrixOfRandomModels) {

@@ -31,7 +31,8 @@ struct directsolver::instance {
     }
 };
 
-directsolver::directsolver(std::int32_t relaxation) : self_(std::make_unique<instance>()) {
+directsolver::directsolver(std::int32_t relaxation, singular_matrix singular)
+    : self_(std::make_unique<instance>()) {
     instance& s = *self_;
     s.id.par = 1;
     s.id.sym = 2;
@@ -44,7 +45,7 @@ directsolver::directsolver(std::int32_t relaxation) : self_(std::make_unique<ins
     s.icntl(10) = 0;   // no refinement
     s.icntl(12) = 1;   // no ordering of its own for indefinite matrices
     s.icntl(14) = relaxation;
-    s.icntl(24) = 1;   // null pivots are found and passed
+    s.icntl(24) = singular == singular_matrix::pass ? 1 : 0;
     s.icntl(25) = 0;   // one solution
     s.icntl(27) = 32;  // right-hand sides a block
     // Null pivots by the library's own threshold: a wider one takes away real effects.
@@ -100,6 +101,10 @@ std::int64_t directsolver::factor_elements() const {
 
 std::int32_t directsolver::null_pivots() const {
     return self_->infog(28);
+}
+
+std::int32_t directsolver::negative_pivots() const {
+    return self_->infog(12);
 }
 
 }  // namespace zendar::platform

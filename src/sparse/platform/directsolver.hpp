@@ -8,6 +8,12 @@
 
 namespace zendar::platform {
 
+/// What becomes of the null pivots of a singular matrix.
+enum class singular_matrix : std::uint8_t {
+    pass,   ///< their equations are set aside: one solution of a singular system, but a wrong inertia
+    refuse  ///< `factorize` fails
+};
+
 /// The direct solver for symmetric matrices, definite or not, of full rank or not (MUMPS, sequential).
 ///
 /// Nothing is printed. Several objects may be alive and used in turn, by one thread at a time: the library has
@@ -15,7 +21,7 @@ namespace zendar::platform {
 class directsolver {
   public:
     /// @param relaxation  per cent of working memory beyond the estimate at the first attempt.
-    explicit directsolver(std::int32_t relaxation = 30);
+    explicit directsolver(std::int32_t relaxation = 30, singular_matrix singular = singular_matrix::pass);
     ~directsolver();
     directsolver(const directsolver&) = delete;
     directsolver& operator=(const directsolver&) = delete;
@@ -33,6 +39,8 @@ class directsolver {
     [[nodiscard]] std::int64_t factor_elements() const;
     /// Equations found to depend on others, whose pivots are null.
     [[nodiscard]] std::int32_t null_pivots() const;
+    /// Negative eigenvalues of the matrix, when null pivots are refused.
+    [[nodiscard]] std::int32_t negative_pivots() const;
 
   private:
     struct instance;
