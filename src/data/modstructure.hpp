@@ -130,6 +130,12 @@ void check_ncol_checkval(std::int32_t e, std::int64_t effective, std::int64_t de
 void readcovariable_bed(covariable_type& cov, const param_type& param, std::int32_t e, std::int32_t maxcols,
                         logger& log);
 
+/// The levels of the individuals of `<stem>.fam`, in the order of its lines, as `readcovariable_bed` takes them.
+/// @param file  the stem, or the name of the .bed file.
+/// @throws fatal_error  with the file, and its first bad line; a level that stands twice is not looked for.
+[[nodiscard]] std::vector<std::int32_t> read_plink_levels(const std::string& file, std::int32_t e,
+                                                          std::int32_t n_level, logger& log);
+
 /// Sets `cov.allelefreq` from the file that `!allelefreq` names for effect e (a line for each SNP, with its
 /// frequency), without one from the counts of the genotypes: 0 for a SNP whose genotypes are all missing.
 /// @throws fatal_error  with the file and its first bad line.

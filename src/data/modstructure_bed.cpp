@@ -259,6 +259,17 @@ void check_plinkfiles(const std::string& stem, logger& log) {
     }
 }
 
+std::vector<std::int32_t> read_plink_levels(const std::string& name, std::int32_t e, std::int32_t n_level,
+                                            logger& log) {
+    covariable_file file;
+    file.name = trim(name);
+    file.e = e;
+    file.n_level = std::max(n_level, 0);
+    const std::string stem = stem_of(file.name), fam = stem + ".fam";
+    check_plinkfiles(stem, log);
+    return levels_of(read_fam(fam, log), file, fam, log);
+}
+
 void readcovariable_bed(covariable_type& cov, const param_type& param, std::int32_t e, std::int32_t maxcols,
                         logger& log) {
     cov = {};

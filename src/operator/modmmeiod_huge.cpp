@@ -12,9 +12,6 @@
 namespace zendar {
 namespace modmmeiod {
 
-namespace {
-
-/// Whether records meet a huge effect.
 bool has_records(const param_type& param, std::int32_t e) {
     switch (param.type_random_eff[e - 1]) {
         case 0:
@@ -29,6 +26,8 @@ bool has_records(const param_type& param, std::int32_t e) {
             return false;
     }
 }
+
+namespace {
 
 /// to(j, t) = from[j * ntrait + t].
 void to_columns(std::span<const double> from, matrix_view<double> to) {

@@ -27,6 +27,9 @@ struct huge_effect {
 [[nodiscard]] std::vector<huge_effect> make_huge_effects(const param_type& param,
                                                          std::span<const covariable_type> cov, logger& log);
 
+/// Whether records meet the huge effect e (from 1).
+[[nodiscard]] bool has_records(const param_type& param, std::int32_t e);
+
 /// sumestimates = Z x. @param work  huge_work_size() values
 void compute_sumestimates(huge_effect& huge, std::int32_t ntrait, const covariable_type& cov,
                           std::span<const double> x, std::span<double> work, logger& log);

@@ -258,12 +258,12 @@ std::vector<record_term> make_record_terms(const param_type& param, std::span<co
     }
     std::size_t nresult = 1;
     for (const huge_effect& own : huge) {
-        if (own.res_edhc.empty()) continue;
+        if (own.sumestimates.empty()) continue;
         record_term term = make_term(param, own.effect - 1);
         term.covariable = term.huge = true;
         term.result = nresult++;
         term.x = own.sumestimates.data();
-        term.last = std::ssize(own.res_edhc);
+        term.last = std::ssize(own.sumestimates);
         term.stride = param.ntrait;
         term.rows = cov[own.effect - 1].rows();
         terms.push_back(std::move(term));

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "modbasic.hpp"
-#include "modfile.hpp"
 #include "modgeneral.hpp"
+#include "modgeneral_temporary.hpp"
 #include "modmmeiod_detail.hpp"
 #include "modmmeiod_ls.hpp"
 #include "modstats.hpp"
@@ -13,7 +13,7 @@ namespace zendar {
 
 namespace {
 
-constexpr const char* phen_file = "phentmp.stream";
+constexpr const char* module_tag = "modmmeiod";
 constexpr const char* rhs_file = "rhstmp.stream";
 
 /// Appends the seconds of one step to a line of times.
@@ -30,29 +30,6 @@ class step_clock {
     wtime clock_;
 };
 
-[[noreturn]] void damaged(const char* file, std::int64_t size, std::int64_t expected,
-                          std::string_view procedure, logger& log) {
-    fatal(log,
-          "The file " + std::string(file) + " has " + inttochar(size) + " bytes instead of " +
-              inttochar(expected) + "!",
-          "modmmeiod", procedure);
-}
-
-/// A temporary file of `n` doubles, opened and checked for its size.
-void open_temporary(binary_reader& in, const char* file, std::int64_t n, const std::string& missing,
-                    std::string_view procedure, logger& log) {
-    if (const auto error = in.open(file))
-        fatal_io(log, missing, "modmmeiod", procedure, error->iostat, error->iomsg);
-    const std::int64_t bytes = n * static_cast<std::int64_t>(sizeof(double));
-    if (in.size() != bytes) damaged(file, in.size(), bytes, procedure, log);
-}
-
-void read_temporary(binary_reader& in, const char* file, std::span<double> values, std::string_view procedure,
-                    logger& log) {
-    if (!in.read_values(values))
-        fatal(log, "The file " + std::string(file) + " cannot be read to its end!", "modmmeiod", procedure);
-}
-
 }  // namespace
 
 void mme_iod::computerhs(std::span<double> b, std::string& text) {
@@ -65,12 +42,9 @@ void mme_iod::computerhs(std::span<double> b, std::string& text) {
         log_.message("Presence of an allocated phen array!");
         in.y = data_.phen.view();
     } else {
-        const std::int64_t nrec = data_.effect.cols();
-        binary_reader file;
-        open_temporary(file, phen_file, nrec * param_.ntrait,
-                       "The file phentmp.stream does not exist, AND phen is not allocated!", procedure, log_);
-        from_file = matrix<double>(param_.ntrait, nrec);
-        read_temporary(file, phen_file, from_file.values(), procedure, log_);
+        from_file = read_phentmp(param_.ntrait, data_.effect.cols(),
+                                 "The file phentmp.stream does not exist, AND phen is not allocated!",
+                                 module_tag, procedure, log_);
         in.y = from_file.view();
         clock.end("Read phen               : ");
     }
@@ -98,7 +72,7 @@ void mme_iod::right_hand_side(std::span<double> b, std::span<double> work, std::
     } else {
         step_clock clock(text);
         if (!std::filesystem::exists(param_.providedrhs))
-            fatal(log_, "The file " + param_.providedrhs + " does not exist!", "modmmeiod",
+            fatal(log_, "The file " + param_.providedrhs + " does not exist!", module_tag,
                   "r_equal_bprovided_minus_Atimesx");
         initvectorfromfile_real8(param_, b, param_.providedrhs, log_);
         clock.end("Read b                  : ");
@@ -131,14 +105,14 @@ void mme_iod::r_equal_savedb_minus_atimesx(std::span<const double> x, std::span<
     constexpr std::int64_t piece = 65536;
     std::string text = "  Elapsed time (s) - r = b - C * x  :";
     step_clock clock(text);
-    binary_reader file;
-    open_temporary(file, rhs_file, std::ssize(r), "The file rhstmp.stream does not exist!", procedure, log_);
+    temporary_stream file(rhs_file, std::ssize(r), "The file rhstmp.stream does not exist!", module_tag,
+                          procedure, log_);
     atimesx(x, r);
     clock.end("r = C * x               : ");
     std::vector<double> b(static_cast<std::size_t>(std::min(piece, std::ssize(r))));
     for (std::int64_t first = 0; first < std::ssize(r); first += piece) {
         const std::int64_t n = std::min(piece, std::ssize(r) - first);
-        read_temporary(file, rhs_file, std::span(b).first(n), procedure, log_);
+        file.read(std::span(b).first(n));
         for (std::int64_t i = 0; i < n; ++i) r[first + i] = b[i] - r[first + i];
     }
     clock.end("r = b - r               : ");
@@ -147,10 +121,9 @@ void mme_iod::r_equal_savedb_minus_atimesx(std::span<const double> x, std::span<
 
 bool mme_iod::read_savedb(std::span<double> b) {
     if (!std::filesystem::exists(rhs_file)) return false;
-    binary_reader file;
-    open_temporary(file, rhs_file, std::ssize(b), "The file rhstmp.stream does not exist!", "read_savedb",
-                   log_);
-    read_temporary(file, rhs_file, b, "read_savedb", log_);
+    temporary_stream file(rhs_file, std::ssize(b), "The file rhstmp.stream does not exist!", module_tag,
+                          "read_savedb", log_);
+    file.read(b);
     return true;
 }
 
