@@ -1,5 +1,5 @@
-// zendar_animal_data folder [animals [traits]]: writes an animal model of 10 generations with a record for
-// each animal, and its instruction file.
+// zendar_animal_data folder [animals [traits [herds]]]: writes an animal model of 10 generations with a
+// record for each animal, and its instruction file.
 
 #include <algorithm>
 #include <cstdint>
@@ -19,6 +19,7 @@ constexpr int max_trait = 6;
 struct sizes {
     std::int32_t nanimal = 1'000'000;
     int ntrait = 2;
+    int nherd = 5000;
 };
 
 void write_model(const std::filesystem::path& folder, const sizes& n) {
@@ -40,7 +41,7 @@ void write_model(const std::filesystem::path& folder, const sizes& n) {
     par << "\nPOS_EFFECTS TYPE_EFFECT N_LEVEL N_COV POS_NESTED N_LEVEL COV_FILE\n";
     for (int e = 1; e <= 2; ++e) {
         for (int t = 1; t <= n.ntrait; ++t) par << n.ntrait + e << ' ';
-        par << "0 " << (e == 1 ? 5000 : n.nanimal) << " 1 ";
+        par << "0 " << (e == 1 ? n.nherd : n.nanimal) << " 1 ";
         for (int t = 1; t <= n.ntrait; ++t) par << "0 ";
         par << "0 none\n";
     }
@@ -99,7 +100,8 @@ void write_animals(const std::filesystem::path& folder, const sizes& n) {
                                             missing ? -9.0 : 10.0 * (t + 1) + value[i - 1] + normal(random)));
             line += number;
         }
-        data.put(line + std::to_string(random() % 5000 + 1) + ' ' + std::to_string(i) + '\n');
+        data.put(line + std::to_string(random() % static_cast<std::uint64_t>(n.nherd) + 1) + ' ' +
+                 std::to_string(i) + '\n');
     }
 }
 
@@ -109,8 +111,9 @@ int main(int argc, char** argv) {
     sizes n;
     if (argc > 2) n.nanimal = std::atoi(argv[2]);
     if (argc > 3) n.ntrait = std::atoi(argv[3]);
-    if (argc < 2 || argc > 4 || n.nanimal < 20 || n.ntrait < 1 || n.ntrait > max_trait) {
-        static_cast<void>(std::fputs("zendar_animal_data folder [animals [traits]]\n", stderr));
+    if (argc > 4) n.nherd = std::atoi(argv[4]);
+    if (argc < 2 || argc > 5 || n.nanimal < 20 || n.nherd < 1 || n.ntrait < 1 || n.ntrait > max_trait) {
+        static_cast<void>(std::fputs("zendar_animal_data folder [animals [traits [herds]]]\n", stderr));
         return 1;
     }
     std::filesystem::create_directories(argv[1]);

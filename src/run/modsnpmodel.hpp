@@ -60,6 +60,11 @@ void initoutput(run_state& run);
 void output(run_state& run);
 void pec(run_state& run);
 void outputpevpec(run_state& run);
+/// Under `!printlhs`: the left-hand side, or its inverse, to "lhsija.dat" and ".stream" ("lhsija_inv" for the
+/// inverse), as lines "row column value" of the stored triangle and as `save` writes it.
+void write_lhs(run_state& run);
+/// The smallest and the largest eigenvalues of the left-hand side in memory and their vectors to files.
+void eigenlhs(run_state& run);
 /// True when steps behind the solver need the data.
 [[nodiscard]] bool needs_data(const run_state& run);
 void deallocdata(run_state& run);

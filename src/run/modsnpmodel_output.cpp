@@ -1,4 +1,5 @@
 #include "modenum.hpp"
+#include "modphenanalysis.hpp"
 #include "modsnpmodel.hpp"
 #include "modstats.hpp"
 
@@ -9,6 +10,27 @@ void initoutput(run_state& run) {
     computeaggregatesolutions(run.param, run.solutions, run.cov, run.aggregatesolutions, run.log);
     clock.end("END: initiating output");
 }
+
+namespace {
+
+/// "deviations.dat" and "yhat.dat", where they are asked for. The phenotypes that a solver on data left on
+/// disk are in memory from then on.
+void write_estimates(run_state& run) {
+    const param_type& param = run.param;
+    const estimate_input in{param, run.data.effect.view(), run.cov, run.solutions};
+    matrix<double> estimates;
+    if (!param.phendev.empty()) {
+        compute_phendeviations(estimates, param.phendev, in, run.data.phen, run.options.rmissing, run.log);
+        write_records(estimates.view(), "deviations.dat", run.log);
+        estimates = {};
+    }
+    if (!param.yhat.empty()) {
+        compute_yhat(estimates, param.yhat, in, run.log);
+        write_records(estimates.view(), "yhat.dat", run.log);
+    }
+}
+
+}  // namespace
 
 void output(run_state& run) {
     logger& log = run.log;
@@ -34,8 +56,8 @@ void output(run_state& run) {
     const std::int32_t code = param.solver.solver;
     if (code != code_pcg_iod && code != code_dpcg_iod && code != code_dpcg_iod_real)
         writeoutput_real8(param, run.rhs, "rhs.dat", log);
-    if (!param.phendev.empty()) fatal(log, "Not implemented yet", "modsnpmodel", "output");
-    if (!param.yhat.empty()) fatal(log, "Not implemented yet", "modsnpmodel", "output");
+    write_estimates(run);
+    write_lhs(run);
     clock.end("END: writing output");
 }
 

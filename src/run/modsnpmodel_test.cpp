@@ -220,16 +220,41 @@ TEST_F(Stages, OnlyTheConjugateGradientsOnDataLeaveOutTheRightHandSide) {
     }
 }
 
-TEST_F(Stages, WhatIsNotThereYetSaysSo) {
-    run_.solutions.assign(3, 0.0);
-    run_.param.phendev.assign(1, 0);
-    EXPECT_THROW(output(run_), fatal_error);
-    run_.param.phendev.clear();
+TEST_F(Stages, OutputWritesTheEstimatesThatAreAskedFor) {
+    run_.solutions = {0.5, 1.0, 2.0};
+    run_.data.effect = matrix<std::int32_t>(2, 3, 1);
+    run_.data.effect(0, 1) = 3;
+    run_.data.effect(0, 2) = 0;
+    const std::vector<double> phen{4.0, -9.0, 7.0};
+    directory_.write("phentmp.stream", {reinterpret_cast<const char*>(phen.data()), 24});
+
+    output(run_);
+    EXPECT_FALSE(directory_.exists("deviations.dat") || directory_.exists("yhat.dat"));
+
     run_.param.yhat.assign(1, 0);
-    EXPECT_THROW(output(run_), fatal_error);
+    output(run_);
+    EXPECT_EQ(directory_.read("yhat.dat"), "0.500000\n2.00000\n0.00000\n");
+    EXPECT_FALSE(directory_.exists("deviations.dat"));
+    EXPECT_TRUE(run_.data.phen.empty());
+
+    run_.param.phendev.assign(1, 0);
+    output(run_);
+    EXPECT_EQ(directory_.read("deviations.dat"), "3.50000\n-9.00000\n7.00000\n");
+    EXPECT_THAT(run_.data.phen.values(), ::testing::ElementsAreArray(phen));
+
+    run_.param.phendev.assign(1, 1);
+    run_.param.yhat.assign(1, 1);
+    output(run_);
+    EXPECT_EQ(directory_.read("deviations.dat"), "4.00000\n-9.00000\n7.00000\n");
+    EXPECT_EQ(directory_.read("yhat.dat"), "0.00000\n0.00000\n0.00000\n");
+    resetmemory(run_);
+    EXPECT_TRUE(run_.data.phen.empty());
+    EXPECT_FALSE(directory_.exists("phentmp.stream"));
+}
+
+TEST_F(Stages, PecNeedsASolverInMemory) {
     EXPECT_THROW(pec(run_), fatal_error);
-    EXPECT_THROW(outputpevpec(run_), fatal_error);
-    EXPECT_THAT(screen(), HasSubstr("ERROR: Not implemented yet\n"));
+    EXPECT_THAT(screen(), HasSubstr("ERROR: PEV (PEC) for this type of solver 120 is not implemented\n"));
 }
 
 TEST_F(Stages, ResetmemoryDeletesTheTemporaryStreamsAndTheState) {

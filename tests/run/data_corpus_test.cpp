@@ -5,6 +5,7 @@
 
 #include "coo_input.hpp"
 #include "covariable_input.hpp"
+#include "external_input.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar::test {
@@ -41,6 +42,10 @@ TEST(CovariableCorpus, IsReadOrRefused) {
 
 TEST(CooCorpus, IsReadOrRefused) {
     replay("coo", fuzz::read_coo);
+}
+
+TEST(ExternalCorpus, IsReadOrRefused) {
+    replay("external", fuzz::read_external);
 }
 
 }  // namespace

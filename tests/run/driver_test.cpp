@@ -158,7 +158,22 @@ TEST(Driver, RelUndefIsTheSameAsNoRel) {
     // Reliabilities are computed without solving.
     EXPECT_THAT(given.out, Not(HasSubstr("START: solving the MME")));
     EXPECT_EQ(given.status, 1);
-    EXPECT_THAT(unwrapped(given.out), HasSubstr("ERROR: Not implemented yet"));
+    EXPECT_THAT(unwrapped(given.out),
+                HasSubstr("ERROR: PEV (PEC) for this type of solver 120 is not implemented"));
+}
+
+TEST(Driver, RefusesOptionsWhoseMatricesHaveNoPlaceYet) {
+    for (const char* option : {"!gima22i file 1 2", "!gapy file 1 2", "!qptransfo file 1 2"}) {
+        const temporary_directory run;
+        model_files().write(run);
+        run.write("model.par_options", std::string(option) + "\n");
+        const auto result = run_program(run.path(), {"model.par"});
+        const std::string name = std::string(option).substr(0, std::string(option).find(' '));
+        EXPECT_EQ(result.status, 1) << option;
+        EXPECT_THAT(unwrapped(result.out),
+                    HasSubstr("ERROR: The option " + name + " is not implemented yet"));
+        EXPECT_FALSE(run.exists("OK_ZENDAR"));
+    }
 }
 
 TEST(Driver, NcpusBelowOneSaysNothing) {
