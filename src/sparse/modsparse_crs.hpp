@@ -157,7 +157,7 @@ class crs_matrix final : public gen_sparse {
         requires(std::same_as<Index, std::int32_t>);
     /// Replace the matrix by its Cholesky factor, its L D L' factors, its incomplete Cholesky factor, or the
     /// part of its inverse on the pattern of the factor. They are computed in the order of the matrix's
-    /// permutation or else in that of `getordering`, which becomes the permutation. Factors are upper
+    /// permutation or else in one of little fill, which becomes the permutation. Factors are upper
     /// triangles in this order, the inverse is in that of the equations. `getldlt` stores D in the place of
     /// the unit diagonal.
     /// `getldlt` and `getspainv` take semidefinite matrices: an equation whose pivot is at or below 1e-10 of

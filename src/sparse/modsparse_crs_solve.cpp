@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cassert>
+#include <limits>
 #include <string>
 #include <utility>
 
@@ -197,15 +198,19 @@ enum class outcome { factor, inverse };
     throw fatal_error(text);
 }
 
-/// Runs one of the factorisations on the arrays, in the order of the matrix's permutation or else in that of
-/// `getordering`, which becomes the permutation.
+/// Runs one of the factorisations on the arrays, in the order of the matrix's permutation or else in one of
+/// little fill, which becomes the permutation.
 void replace(crssparse& m, outcome what, const auto& factorise) {
     if (!m.issquare() || !m.isupperstorage())
         reject(m, " ERROR: the CRS matrix must be square and upper triangular stored");
     const std::vector<std::int32_t> order = [&m] {
         if (!m.haspermutation32()) {
             const wtime clock;
-            std::vector<std::int32_t> found = m.getordering();
+            constexpr std::int64_t most_entries = std::numeric_limits<std::int32_t>::max();
+            std::vector<std::int32_t> found =
+                m.issorted()
+                    ? detail::order_of(detail::elimination_places(m.view(), most_entries, m.getoutputunit()))
+                    : m.getordering();
             if (logger* const unlog = m.getoutputunit(); unlog != nullptr)
                 unlog->message(" Elapsed time (s) for ordering  = " + realtochar(clock.seconds(), "(f0.3)"));
             return found;

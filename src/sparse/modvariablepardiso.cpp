@@ -10,6 +10,7 @@
 #include "modbasic.hpp"
 #include "modmetis.hpp"
 #include "modsparse.hpp"
+#include "modsparse_inv.hpp"
 #include "platform/directsolver.hpp"
 
 namespace zendar {
@@ -118,11 +119,37 @@ std::vector<std::int32_t> places_of(std::span<const std::int32_t> perm, std::int
 
 }  // namespace
 
+std::vector<std::int32_t> order_of(std::span<const std::int32_t> places) {
+    std::vector<std::int32_t> order(places.size());
+    for (std::size_t i = 0; i < places.size(); ++i)
+        order[static_cast<std::size_t>(places[i] - 1)] = static_cast<std::int32_t>(i + 1);
+    return order;
+}
+
+namespace {
+
+/// The squares of the columns of the factor, which is what a factorisation costs.
+double factor_work(crs_view<std::int32_t> m, std::span<const std::int32_t> places) {
+    const std::vector<std::int32_t> order = order_of(places);
+    const auto structure = modsparse_inv::symbolicfact(m.dim1, m.ia, m.ja, std::span(order));
+    double work = 0.0;
+    for (const std::int32_t c : structure.colcount) work += static_cast<double>(c) * c;
+    return work;
+}
+
+}  // namespace
+
 template <std::signed_integral Index>
 std::vector<std::int32_t> elimination_places(crs_view<Index> m, std::int64_t most_entries, logger* unlog) {
+    constexpr std::int32_t worth_a_choice = 5000;
     if (2 * std::ssize(m.ja) > most_entries) return amd_places(m, unlog);
     std::vector<std::int32_t> places = metis_nodend(graph_of(m), unlog).iperm;
     for (std::int32_t& place : places) ++place;
+    if constexpr (std::same_as<Index, std::int32_t>) {
+        if (m.dim1 < worth_a_choice) return places;
+        std::vector<std::int32_t> other = amd_places(m, unlog);
+        if (factor_work(m, other) < factor_work(m, places)) return other;
+    }
     return places;
 }
 

@@ -74,11 +74,14 @@ namespace detail {
 template <std::signed_integral Index>
 [[nodiscard]] std::optional<std::string> direct_solver_defect(crs_view<Index> m);
 
-/// New places (from 1) of the equations in an order with little fill: nested dissection, or minimum degree for
-/// graphs with more than `most_entries` entries, which are beyond METIS.
+/// New places (from 1) of the equations in an order with little fill: of nested dissection and minimum degree the
+/// one that costs less, for matrices of some size with 32-bit indices; nested dissection for others; minimum degree
+/// for graphs with more than `most_entries` entries, which are beyond METIS.
 template <std::signed_integral Index>
 [[nodiscard]] std::vector<std::int32_t> elimination_places(crs_view<Index> m, std::int64_t most_entries,
                                                            logger* unlog);
+/// The equation (from 1) at each new place.
+[[nodiscard]] std::vector<std::int32_t> order_of(std::span<const std::int32_t> places);
 
 }  // namespace detail
 
