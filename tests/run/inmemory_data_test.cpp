@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <sstream>
 
 #include "data_sets.hpp"
@@ -197,6 +198,31 @@ const pev_set pev_sets[] = {
 
 INSTANTIATE_TEST_SUITE_P(Cases, PevSets, ::testing::ValuesIn(pev_sets),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// ---- P-values
+// ----------------------------------------------------------------------------------------------
+
+TEST(Pvalues, AreThoseOfDenseAlgebra) {
+    const temporary_directory run;
+    copy_files(std::filesystem::path(ZENDAR_SOURCE_DIR) / "tests" / "data" / "pvalue", run);
+    const auto result = run_program(run.path(), {"model.par", "--ebvpev", "--ncpus", "2"});
+    ASSERT_EQ(result.status, 0) << result.out;
+    const char* const files[] = {"snpeffects_gi.dat", "varhatsnpeffects_gi.dat", "pvalues_gi.dat"};
+    std::ifstream expected(run / "expected.txt");
+    std::array<solutions, 3> actual;
+    for (std::size_t k = 0; k < 3; ++k) actual[k] = read_solutions(run / files[k]);
+    int snp = 0;
+    for (std::array<double, 3> values; expected >> values[0] >> values[1] >> values[2];) {
+        ++snp;
+        for (std::size_t k = 0; k < 3; ++k) {
+            ASSERT_TRUE(actual[k].contains({1, 2, 0, snp})) << files[k];
+            const double value = (actual[k][{1, 2, 0, snp}]);
+            EXPECT_NEAR(value, values[k], 6e-6 * magnitude(values[k])) << files[k] << " SNP " << snp;
+        }
+    }
+    EXPECT_EQ(snp, 40);
+    for (const solutions& rows : actual) EXPECT_EQ(rows.size(), 40U);
+}
 
 }  // namespace
 }  // namespace zendar::test
