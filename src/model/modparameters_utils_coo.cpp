@@ -10,17 +10,10 @@ namespace zendar {
 namespace {
 
 using detail::block_file;
-using detail::record_fault;
-using detail::record_fault_kind;
 using detail::triplet_rows;
 
 constexpr const char* module_tag = "modparameters_utils";
 constexpr const char* procedure_tag = "readcootoija";
-
-[[noreturn]] void stop_unreadable(const std::string& file, const file_error& failure, logger& log) {
-    fatal_io(log, "The file " + file + " of the external matrix cannot be read", module_tag, procedure_tag,
-             failure.iostat, failure.iomsg);
-}
 
 }  // namespace
 
@@ -29,16 +22,8 @@ crssparse readcootoija(const std::string& file, std::int32_t n, logger& log) {
     log.message("External matrix");
     log.message("File name: " + name);
     block_file text({});
-    if (const auto failure = text.open(name)) stop_unreadable(name, *failure, log);
-    if (text.empty())
-        fatal(log, "The file " + name + " of the external matrix is empty", module_tag, procedure_tag);
-    if (const auto failure = text.index_lines(0)) stop_unreadable(name, *failure, log);
-
-    triplet_rows elements(n);
-    const record_fault fault = detail::read_symmetric_triplets(text, elements);
-    if (fault.kind != record_fault_kind::none)
-        fatal_io(log, "External matrix not correctly read at line " + inttochar(fault.line), module_tag,
-                 procedure_tag, detail::status_of(fault), "File " + name + ": " + detail::describe(fault, 3));
+    triplet_rows elements =
+        detail::read_symmetric_file(text, name, n, "external matrix", "External matrix", procedure_tag, log);
     log.message("Temporary memory (MB): " + realtochar(mib(elements.bytes()), "(f0.2)"));
     if (const std::int32_t row = elements.merge(detail::merge_symmetric); row > 0) {
         const detail::triplet_conflict conflict = detail::find_conflict(elements.row(row));

@@ -11,17 +11,10 @@ namespace zendar {
 namespace {
 
 using detail::block_file;
-using detail::record_fault;
-using detail::record_fault_kind;
 using detail::triplet_rows;
 
 constexpr const char* module_tag = "modparameters_utils";
 constexpr const char* procedure_tag = "readginverse";
-
-[[noreturn]] void stop_unreadable(const std::string& file, const file_error& failure, logger& log) {
-    fatal_io(log, "The file " + file + " of the G inverse cannot be read", module_tag, procedure_tag,
-             failure.iostat, failure.iomsg);
-}
 
 /// Stops at the first line that holds the element, for the level that has no genotypes.
 [[noreturn]] void stop_at_element(const block_file& text, const std::string& file, std::int32_t n_level,
@@ -40,16 +33,8 @@ matrix<double> readginverse(const std::string& file, std::span<const std::int32_
                             std::int32_t n_level, logger& log) {
     const std::string name(trim(file));
     block_file text({});
-    if (const auto failure = text.open(name)) stop_unreadable(name, *failure, log);
-    if (text.empty())
-        fatal(log, "The file " + name + " of the G inverse is empty", module_tag, procedure_tag);
-    if (const auto failure = text.index_lines(0)) stop_unreadable(name, *failure, log);
-
-    triplet_rows elements(n_level);
-    const record_fault fault = detail::read_symmetric_triplets(text, elements);
-    if (fault.kind != record_fault_kind::none)
-        fatal_io(log, "G inverse not correctly read at line " + inttochar(fault.line), module_tag,
-                 procedure_tag, detail::status_of(fault), "File " + name + ": " + detail::describe(fault, 3));
+    triplet_rows elements =
+        detail::read_symmetric_file(text, name, n_level, "G inverse", "G inverse", procedure_tag, log);
     if (const std::int32_t row = elements.merge(detail::merge_symmetric); row > 0) {
         const detail::triplet_conflict conflict = detail::find_conflict(elements.row(row));
         const std::string i = inttochar(row), j = inttochar(conflict.column);

@@ -249,4 +249,24 @@ std::vector<std::int64_t> lines_of_element(const block_file& text, std::int32_t 
     return lines;
 }
 
+triplet_rows read_symmetric_file(block_file& text, const std::string& name, std::int32_t n,
+                                 const std::string& what, const std::string& head, std::string_view procedure,
+                                 logger& log) {
+    constexpr std::string_view module_tag = "modparameters_utils";
+    const auto stop_unreadable = [&](const file_error& failure) {
+        fatal_io(log, "The file " + name + " of the " + what + " cannot be read", module_tag, procedure,
+                 failure.iostat, failure.iomsg);
+    };
+    if (const auto failure = text.open(name)) stop_unreadable(*failure);
+    if (text.empty()) fatal(log, "The file " + name + " of the " + what + " is empty", module_tag, procedure);
+    if (const auto failure = text.index_lines(0)) stop_unreadable(*failure);
+
+    triplet_rows elements(n);
+    const record_fault fault = read_symmetric_triplets(text, elements);
+    if (fault.kind != record_fault_kind::none)
+        fatal_io(log, head + " not correctly read at line " + inttochar(fault.line), module_tag, procedure,
+                 status_of(fault), "File " + name + ": " + describe(fault, 3));
+    return elements;
+}
+
 }  // namespace zendar::detail

@@ -84,4 +84,13 @@ record_fault read_symmetric_triplets(const block_file& text, triplet_rows& eleme
 std::vector<std::int64_t> lines_of_element(const block_file& text, std::int32_t n, std::int32_t row,
                                            std::int32_t column);
 
+/// Opens `text`, which has no lines yet, and reads the triplets of a symmetric matrix between `n` levels.
+/// @param what       "external matrix"
+/// @param head       the same at the start of a message
+/// @param procedure  for the messages
+/// @throws fatal_error  with the file and its first bad line; for a file that cannot be read or is empty.
+[[nodiscard]] triplet_rows read_symmetric_file(block_file& text, const std::string& name, std::int32_t n,
+                                               const std::string& what, const std::string& head,
+                                               std::string_view procedure, logger& log);
+
 }  // namespace zendar::detail

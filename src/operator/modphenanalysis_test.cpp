@@ -20,8 +20,6 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr std::array huge_types{0, 20, 22, 23, 30};
-
 /// All kinds of effects; models of even seeds can be assembled in memory.
 model_choice choice_of(std::uint64_t seed) {
     std::mt19937_64 random(seed * 104729);
@@ -31,15 +29,8 @@ model_choice choice_of(std::uint64_t seed) {
     choice.nrec = seed % 7 == 0 ? pick(200, 300) : pick(1, 60);
     choice.neffect = pick(1, 5);
     choice.in_memory = seed % 2 == 0;
-    choice.pedigrees = seed % 3 == 1;
-    if (seed % 3 == 2) {
-        choice.ntrait = pick(1, 3);
-        choice.bed = true;
-        choice.huge = huge_types[seed % huge_types.size()];
-    } else {
-        choice.combieff = seed % 4 < 2;
-        choice.andeffect = seed % 5 < 2;
-    }
+    choose_kind(choice, seed, seed % 4 < 2, seed % 5 < 2);
+    if (choice.huge >= 0) choice.ntrait = pick(1, 3);
     return choice;
 }
 

@@ -14,8 +14,6 @@
 namespace zendar::test {
 namespace {
 
-constexpr std::array huge_types{0, 20, 22, 23, 30};
-
 /// A third of the models have SNP effects, a third animal effects.
 model_choice choice_of(std::uint64_t seed) {
     std::mt19937_64 random(seed * 7919);
@@ -26,15 +24,8 @@ model_choice choice_of(std::uint64_t seed) {
     choice.neffect = pick(1, 4);
     choice.in_memory = true;
     choice.sorted = pick(0, 1) == 0;
-    choice.pedigrees = seed % 3 == 1;
-    if (seed % 3 == 2) {
-        choice.ntrait = pick(1, 3);
-        choice.bed = true;
-        choice.huge = huge_types[seed % huge_types.size()];
-    } else {
-        choice.combieff = seed % 5 == 1;
-        choice.andeffect = seed % 7 == 2;
-    }
+    choose_kind(choice, seed, seed % 5 == 1, seed % 7 == 2);
+    if (choice.huge >= 0) choice.ntrait = pick(1, 3);
     return choice;
 }
 
@@ -70,19 +61,6 @@ TEST(InMemoryReference, LeftAndRightHandSideOfRandomModels) {
         if (HasFailure()) break;
     }
     EXPECT_EQ(nhuge, 100);
-}
-
-/// The smallest eigenvalue of a dense matrix, relative to the largest one.
-double smallest_eigenvalue(const matrix<double>& c) {
-    matrix<double> work = c;
-    std::vector<double> values(static_cast<std::size_t>(c.rows()));
-    EXPECT_EQ(lapack_dsyevd(work.view(), values), 0);
-    return values.front() / values.back();
-}
-
-/// Whether it has none below 0 but for rounding.
-bool is_semidefinite(const matrix<double>& c) {
-    return smallest_eigenvalue(c) > -1e-10;
 }
 
 /// Solutions of one solver, for the equations that stand in memory.

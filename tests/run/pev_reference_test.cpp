@@ -15,8 +15,6 @@
 namespace zendar::test {
 namespace {
 
-constexpr std::array huge_types{0, 20, 22, 23, 30};
-
 model_choice choice_of(std::uint64_t seed) {
     std::mt19937_64 random(seed * 104729);
     const auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
@@ -26,14 +24,7 @@ model_choice choice_of(std::uint64_t seed) {
     choice.neffect = pick(1, 4);
     choice.in_memory = true;
     choice.always_random = seed % 2 == 0;
-    choice.pedigrees = seed % 3 == 1;
-    if (seed % 3 == 2) {
-        choice.bed = true;
-        choice.huge = huge_types[seed % huge_types.size()];
-    } else {
-        choice.combieff = seed % 5 == 1;
-        choice.andeffect = seed % 7 == 2;
-    }
+    choose_kind(choice, seed, seed % 5 == 1, seed % 7 == 2);
     return choice;
 }
 

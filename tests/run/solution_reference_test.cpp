@@ -86,13 +86,6 @@ solver_choice choose(const random_model& model, std::uint64_t seed) {
     return choice;
 }
 
-/// Whether a dense matrix has no eigenvalue below 0 but for rounding.
-bool is_semidefinite(const matrix<double>& c) {
-    matrix<double> vectors = c;
-    std::vector<double> values(static_cast<std::size_t>(c.rows()));
-    return lapack_dsyevd_vectors(vectors.view(), values) == 0 && values.front() > -1e-10 * values.back();
-}
-
 /// @returns how many models were solved, stopping at the first one that was not solved well.
 int solve_random_models(std::uint64_t first, std::uint64_t last, bool pedigrees, double tolerance,
                         bool huge = false) {

@@ -363,6 +363,13 @@ std::vector<double> dense_solution(const matrix<double>& c, const std::vector<do
     return x;
 }
 
+double smallest_eigenvalue(const matrix<double>& c) {
+    matrix<double> work = c;
+    std::vector<double> values(static_cast<std::size_t>(c.rows()));
+    if (lapack_dsyevd(work.view(), values) != 0) throw std::runtime_error("no eigenvalues");
+    return values.front() / values.back();
+}
+
 std::vector<double> dense_product(const matrix<double>& c, const std::vector<double>& x) {
     std::vector<double> r(x.size(), 0.0);
     for (std::int64_t j = 0; j < c.cols(); ++j)

@@ -43,6 +43,20 @@ struct model_choice {
     bool in_memory = false;  ///< nothing that the equations in memory do not take: tau and omega are 1
 };
 
+/// By the seed a third of the models get animal effects, a third SNP effects of each type in turn, and the others,
+/// where it is told, effects that are combined or share equations.
+inline void choose_kind(model_choice& choice, std::uint64_t seed, bool combieff, bool andeffect) {
+    constexpr std::array huge_types{0, 20, 22, 23, 30};
+    choice.pedigrees = seed % 3 == 1;
+    if (seed % 3 == 2) {
+        choice.bed = true;
+        choice.huge = huge_types[seed % huge_types.size()];
+    } else {
+        choice.combieff = combieff;
+        choice.andeffect = andeffect;
+    }
+}
+
 struct random_effect {
     bool covariable = false;
     std::int32_t nlevel = 1, ncov = 1, nnest = 0;
@@ -165,6 +179,12 @@ class random_model {
 
 /// The solution of least norm of a symmetric positive semidefinite consistent system, by its eigenvectors.
 [[nodiscard]] std::vector<double> dense_solution(const matrix<double>& c, const std::vector<double>& b);
+/// The smallest eigenvalue of a symmetric matrix, relative to the largest one.
+[[nodiscard]] double smallest_eigenvalue(const matrix<double>& c);
+/// Whether it has none below 0 but for rounding.
+[[nodiscard]] inline bool is_semidefinite(const matrix<double>& c) {
+    return smallest_eigenvalue(c) > -1e-10;
+}
 [[nodiscard]] std::vector<double> dense_product(const matrix<double>& c, const std::vector<double>& x);
 
 }  // namespace zendar::test
