@@ -68,6 +68,20 @@ bool read_gima22i(const std::string& file) {
         });
 }
 
+bool read_qptransfo(const std::string& file) {
+    return round_trip<gima22i_type>(
+        file,
+        [](const param_type& param, const std::string& name, gima22i_type& m, logger& log) {
+            readqptransfo(param, 1, name, m, log);
+        },
+        write_symmetric,
+        [](const gima22i_type& a, const gima22i_type& b) {
+            require_equal(a.levels, b.levels);
+            require_symmetric(a.elements.dense);
+            require(a.elements.dense.rows() == a.levels.size() && a.elements.dense == b.elements.dense);
+        });
+}
+
 bool read_acrosseff(const std::string& file) {
     return round_trip<across_block>(
         file,
@@ -159,6 +173,8 @@ bool read_external(std::string_view input) {
     switch (input[0]) {
         case 'g':
             return read_gima22i("m_tri");
+        case 'Q':
+            return read_qptransfo("m.stream");
         case 'x':
             return read_acrosseff("m_tri");
         case 'i':

@@ -109,6 +109,9 @@ void readcovariable_aseffect(std::span<covariable_type> cov, const param_type& p
 /// @throws fatal_error  when the numbers of coefficients of the file and of N_COV differ.
 void check_ncol_checkval(std::int32_t e, std::int64_t effective, std::int64_t declared, logger& log);
 
+/// Whether a name stands for PLINK genotypes: it ends in ".bed", or is the stem of a file that does.
+[[nodiscard]] bool names_plink_files(const std::string& file);
+
 /// The text behind the last "." of a coefficient file's name; empty without one.
 [[nodiscard]] std::string covariable_extension(const std::string& file);
 
@@ -135,6 +138,10 @@ void readcovariable_bed(covariable_type& cov, const param_type& param, std::int3
 /// @throws fatal_error  with the file, and its first bad line; a level that stands twice is not looked for.
 [[nodiscard]] std::vector<std::int32_t> read_plink_levels(const std::string& file, std::int32_t e,
                                                           std::int32_t n_level, logger& log);
+
+/// The lines of `<stem>.bim`. @param file  the stem, or the name of the .bed file.
+/// @throws fatal_error  when one of the three files is missing or cannot be read.
+[[nodiscard]] std::int32_t count_plink_snps(const std::string& file, logger& log);
 
 /// Sets `cov.allelefreq` from the file that `!allelefreq` names for effect e (a line for each SNP, with its
 /// frequency), without one from the counts of the genotypes: 0 for a SNP whose genotypes are all missing.

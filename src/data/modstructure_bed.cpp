@@ -270,6 +270,12 @@ std::vector<std::int32_t> read_plink_levels(const std::string& name, std::int32_
     return levels_of(read_fam(fam, log), file, fam, log);
 }
 
+std::int32_t count_plink_snps(const std::string& name, logger& log) {
+    const std::string stem = stem_of(std::string(trim(name)));
+    check_plinkfiles(stem, log);
+    return read_lines(stem + ".bim", [](std::string_view, std::int64_t) {}, log);
+}
+
 void readcovariable_bed(covariable_type& cov, const param_type& param, std::int32_t e, std::int32_t maxcols,
                         logger& log) {
     cov = {};

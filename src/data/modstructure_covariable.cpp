@@ -117,6 +117,10 @@ std::string covariable_extension(const std::string& file) {
     return dot == std::string::npos ? std::string() : file.substr(dot + 1);
 }
 
+bool names_plink_files(const std::string& file) {
+    return covariable_extension(file) == "bed" || is_stem(file);
+}
+
 void check_ncol_checkval(std::int32_t e, std::int64_t effective, std::int64_t declared, logger& log) {
     if (effective != declared)
         fatal(log,
@@ -136,7 +140,7 @@ void readcovariable(covariable_type& cov, const param_type& param, std::int32_t 
     file.dense = !is_huge_effect(param.type_effect[e - 1]);
 
     const std::string extension = covariable_extension(file.name);
-    if (extension == "bed" || (!file.dense && is_stem(file.name))) {
+    if (extension == "bed" || (!file.dense && names_plink_files(file.name))) {
         readcovariable_bed(cov, param, e, maxcols, log);
         return;
     }

@@ -99,7 +99,10 @@ void readlist(const param_type& param, std::int32_t e, const std::string& file, 
 /// "_tri" only.
 void readgima22i(const param_type& param, std::int32_t e, const std::string& file, gima22i_type& matrix,
                  logger& log);
-/// Of the same form.
+/// Of the same form, or ".stream":
+///   int32    maximal level, number of levels
+///   int32    levels, ascending
+///   float64  lower triangle by rows
 void readqptransfo(const param_type& param, std::int32_t e, const std::string& file, gima22i_type& matrix,
                    logger& log);
 /// "_tri" only, without triangle: a row is a level of effect e, a column one of effect `linked`.
@@ -137,6 +140,8 @@ void readktamatrix(const param_type& param, std::int32_t e, const std::string& f
 
 void write_list(const matrix_levels& list, const std::string& file, logger& log);
 void write_gima22i(const gima22i_type& matrix, const std::string& file, logger& log);
+/// As `readqptransfo` reads it; the ending of the name is the form.
+void write_symmetric(const gima22i_type& matrix, const std::string& file, logger& log);
 void write_acrosseff(const across_block& block, const std::string& file, logger& log);
 /// The ending of the name is the form; "_tri" writes the list of core levels, too.
 void write_gapy(const apy& gapy, const std::string& file, logger& log);

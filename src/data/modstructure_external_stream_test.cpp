@@ -23,6 +23,8 @@ class DamagedStream : public ExternalMatrix {
         append(k, {1.0, 2.0, 3.0});
         return {{"APY", apy_stream(), 3, [this] { readgapy(param_, 1, "x.stream", apy_, log()); }},
                 {"Ta matrix", ta_stream(), 3, [this] { readtamatrix(param_, 1, "x.stream", ta_, log()); }},
+                {"QP transfo", symmetric_stream(), 2,
+                 [this] { readqptransfo(param_, 1, "x.stream", qp_, log()); }},
                 {"K matrix", k, 1, [this] { readktamatrix(param_, 1, "x.stream", kt_, log()); }}};
     }
     std::string told(const stream_case& c, const std::string& bytes) {
@@ -32,6 +34,7 @@ class DamagedStream : public ExternalMatrix {
     apy apy_;
     tamatrix_type ta_;
     ktmatrix_type kt_;
+    gima22i_type qp_;
 };
 
 TEST_F(DamagedStream, CutAnywhereOrLongerIsRefused) {
@@ -52,15 +55,19 @@ TEST_F(DamagedStream, CutAnywhereOrLongerIsRefused) {
 
 TEST_F(DamagedStream, SizesAndLevelsThatDoNotFitAreRefusedBeforeAnyAllocation) {
     for (const stream_case& c : cases()) {
-        const std::int64_t nint = c.name == "K matrix" ? 1 : c.name == "APY" ? 7 : 5;
+        const std::int64_t nint = c.name == "K matrix"     ? 1
+                                  : c.name == "QP transfo" ? 4
+                                  : c.name == "APY"        ? 7
+                                                           : 5;
         for (std::int64_t k = 0; k < nint; ++k)
             for (const std::int32_t value : {std::numeric_limits<std::int32_t>::min(), -1, 0, 1, 13, 65536,
                                              std::numeric_limits<std::int32_t>::max()}) {
                 std::string bytes = c.bytes;
                 std::memcpy(bytes.data() + 4 * k, &value, 4);
                 const std::string message = told(c, bytes);
-                // Any level from 1 to 12 that the others are not may stand in a list, but for the maximum.
-                if (k >= c.nheader && value == 1)
+                // Any level from 1 to 12 that the others are not may stand in a list, but for the maximum;
+                // the second one of a symmetric matrix cannot be 1.
+                if (k >= c.nheader && value == 1 && !(c.name == "QP transfo" && k == 3))
                     EXPECT_EQ(message, "no fatal_error");
                 else
                     EXPECT_THAT(message, HasSubstr("is not a stream file for " + c.name + "! | "))
@@ -85,9 +92,24 @@ TEST_F(DamagedStream, SizesAndLevelsThatDoNotFitAreRefusedBeforeAnyAllocation) {
               "The file x.stream is not a stream file for APY! | It tells of 5 core levels among 4");
 }
 
+TEST_F(DamagedStream, LevelsOfASymmetricMatrixAscend) {
+    std::string bytes;
+    append<std::int32_t>(bytes, {9, 3, 4, 9, 2});
+    append(bytes, {1.0, 2.0, 3.0, 4.0, 5.0, 6.0});
+    directory_.write("x.stream", bytes);
+
+    EXPECT_EQ(
+        refusal([&] { readqptransfo(param_, 1, "x.stream", qp_, log()); }),
+        "The file x.stream is not a stream file for QP transfo! | Level 3: 2 stands behind 9, but levels "
+        "ascend");
+}
+
 TEST_F(DamagedStream, ValuesAreFinite) {
     for (const stream_case& c : cases()) {
-        const std::size_t first = c.name == "K matrix" ? 4 : c.name == "APY" ? 28 : 20;
+        const std::size_t first = c.name == "K matrix"     ? 4
+                                  : c.name == "QP transfo" ? 16
+                                  : c.name == "APY"        ? 28
+                                                           : 20;
         for (std::size_t at = first; at < c.bytes.size(); at += 8)
             for (const double value : {std::nan(""), HUGE_VAL}) {
                 std::string bytes = c.bytes;
@@ -102,6 +124,8 @@ TEST_F(ExternalMatrix, WritersRefuseNamesAndFolders) {
     for (const char* name : {"x", "x.stream"})
         EXPECT_EQ(refusal([&] { write_gima22i({}, name, log()); }),
                   "The form of the file " + std::string(name) + " is not implemented!");
+    EXPECT_EQ(refusal([&] { write_symmetric({}, "x", log()); }),
+              "The form of the file x is not implemented!");
     EXPECT_EQ(refusal([&] { write_acrosseff({}, "x", log()); }),
               "The form of the file x is not implemented!");
     EXPECT_EQ(refusal([&] { write_gapy({}, "x", log()); }), "The form of the file x is not implemented!");

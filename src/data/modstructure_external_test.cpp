@@ -83,6 +83,62 @@ TEST_F(ExternalMatrix, QptransfoHasTheSameForm) {
               "\"5\"");
 }
 
+TEST_F(ExternalMatrix, QptransfoReadsAStreamToo) {
+    directory_.write("q.stream", symmetric_stream());
+    gima22i_type m;
+    readqptransfo(param_, 1, "q.stream", m, log());
+    EXPECT_THAT(m.levels.level, ElementsAre(4, 9));
+    EXPECT_THAT(m.levels.position, ElementsAre(0, 0, 0, 1, 0, 0, 0, 0, 2, 0, 0, 0));
+    EXPECT_THAT(m.elements.dense.values(), ElementsAre(2.0, -0.5, -0.5, 3.0));
+    EXPECT_EQ(default_log_.text(),
+              "Name of the matrix read for the effect 1: q.stream\n"
+              "Number of declared levels   : 12\n"
+              "    Maximum level               : 9\n"
+              "   Effective size of the matrix: 2\n"
+              "Memory (MB) needed for the matrix: .00\n");
+    EXPECT_EQ(refusal([&] { readgima22i(param_, 1, "q.stream", m, log()); }),
+              "The file q.stream is not a _tri file! | Its name does not end in _tri");
+}
+
+TEST_F(ExternalMatrix, SymmetricMatricesComeBackFromBothForms) {
+    std::mt19937_64 random(8);
+    for (int k = 0; k < 30; ++k) {
+        param_.n_level[0] = std::uniform_int_distribution(1, 60)(random);
+        gima22i_type m, text, stream;
+        m.levels = random_levels(param_.n_level[0],
+                                 std::uniform_int_distribution(1, param_.n_level[0])(random), true, random);
+        m.elements.dense = random_symmetric(m.levels.size(), random);
+        write_symmetric(m, "q_tri", log());
+        write_symmetric(m, "q.stream", log());
+        readqptransfo(param_, 1, "q_tri", text, log());
+        readqptransfo(param_, 1, "q.stream", stream, log());
+        for (const gima22i_type* back : {&text, &stream}) {
+            expect_levels(back->levels, m.levels);
+            EXPECT_EQ(back->elements.dense, m.elements.dense);
+        }
+    }
+}
+
+TEST_F(ExternalMatrix, ASparseSymmetricMatrixIsWrittenWholeToAStream) {
+    const std::int32_t n = 2000;  // from there on a file with few elements is held sparse
+    param_.n_level[0] = n;
+    std::string text;
+    for (std::int32_t i = 1; i <= n; ++i) text += std::to_string(i) + " " + std::to_string(i) + " 2\n";
+    directory_.write("q_tri", text + "2000 3 0.5\n");
+    gima22i_type sparse, back;
+    readqptransfo(param_, 1, "q_tri", sparse, log());
+    ASSERT_TRUE(sparse.elements.is_sparse());
+
+    write_symmetric(sparse, "q.stream", log());
+    readqptransfo(param_, 1, "q.stream", back, log());
+
+    expect_levels(back.levels, sparse.levels);
+    EXPECT_EQ(std::ranges::count(back.elements.dense.values(), 2.0), n);
+    EXPECT_EQ(std::ranges::count(back.elements.dense.values(), 0.5), 2);
+    EXPECT_EQ(std::ranges::count(back.elements.dense.values(), 0.0), std::int64_t{n} * n - n - 2);
+    EXPECT_EQ(back.elements.dense(1999, 2), 0.5);
+}
+
 TEST_F(ExternalMatrix, Gima22iComesBackFromItsFile) {
     std::mt19937_64 random(7);
     const int old = omp_get_max_threads();

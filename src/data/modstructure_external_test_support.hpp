@@ -116,4 +116,12 @@ inline std::string ta_stream() {
     return bytes;
 }
 
+/// Levels 4 and 9.
+inline std::string symmetric_stream() {
+    std::string bytes;
+    append<std::int32_t>(bytes, {9, 2, 4, 9});
+    append(bytes, {2.0, -0.5, 3.0});
+    return bytes;
+}
+
 }  // namespace zendar::test

@@ -42,6 +42,40 @@ void check_tri(const std::string& file, std::string_view procedure, logger& log)
     if (!file.ends_with("_tri")) stop_at_format(file, procedure, log);
 }
 
+void write_symmetric_text(const gima22i_type& matrix, const std::string& file, std::string_view procedure,
+                          logger& log) {
+    external_writer to(file, procedure, log);
+    const auto& level = matrix.levels.level;
+    if (matrix.elements.is_sparse()) {
+        const crs_view<std::int32_t> m = matrix.elements.sparse.view();
+        for (std::int32_t i = 0; i < m.dim1; ++i)
+            for (std::int32_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k)
+                to.element(level[m.ja[k] - 1], level[i], m.a[k]);
+    } else {
+        for (std::int64_t i = 0; i < matrix.levels.size(); ++i)
+            for (std::int64_t j = 0; j <= i; ++j) to.element(level[i], level[j], matrix.elements.dense(j, i));
+    }
+    to.commit();
+}
+
+void write_symmetric_stream(const gima22i_type& matrix, const std::string& file, logger& log) {
+    external_writer to(file, "write_symmetric", log);
+    const std::int64_t n = matrix.levels.size();
+    to.integers(std::array{matrix.levels.maximum(), static_cast<std::int32_t>(n)});
+    to.integers(matrix.levels.level);
+    if (matrix.elements.is_sparse()) {
+        std::vector<double> row(static_cast<std::size_t>(n));
+        for (std::int64_t i = 0; i < n; ++i) {
+            for (std::int64_t j = 0; j <= i; ++j)
+                row[static_cast<std::size_t>(j)] = matrix.elements.value(j, i);
+            to.reals(std::span(row).first(static_cast<std::size_t>(i + 1)));
+        }
+    } else {
+        detail::write_triangle(to.out(), matrix.elements.dense.view());
+    }
+    to.commit();
+}
+
 void write_gapy_text(const apy& gapy, const std::string& file, logger& log) {
     matrix_levels core;
     core.level.assign(gapy.levels.level.begin(), gapy.levels.level.begin() + gapy.ncore);
@@ -81,18 +115,16 @@ void write_list(const matrix_levels& list, const std::string& file, logger& log)
 
 void write_gima22i(const gima22i_type& matrix, const std::string& file, logger& log) {
     check_tri(file, "write_gima22i", log);
-    external_writer to(file, "write_gima22i", log);
-    const auto& level = matrix.levels.level;
-    if (matrix.elements.is_sparse()) {
-        const crs_view<std::int32_t> m = matrix.elements.sparse.view();
-        for (std::int32_t i = 0; i < m.dim1; ++i)
-            for (std::int32_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k)
-                to.element(level[m.ja[k] - 1], level[i], m.a[k]);
-    } else {
-        for (std::int64_t i = 0; i < matrix.levels.size(); ++i)
-            for (std::int64_t j = 0; j <= i; ++j) to.element(level[i], level[j], matrix.elements.dense(j, i));
-    }
-    to.commit();
+    write_symmetric_text(matrix, file, "write_gima22i", log);
+}
+
+void write_symmetric(const gima22i_type& matrix, const std::string& file, logger& log) {
+    if (file.ends_with("_tri"))
+        write_symmetric_text(matrix, file, "write_symmetric", log);
+    else if (file.ends_with(".stream"))
+        write_symmetric_stream(matrix, file, log);
+    else
+        stop_at_format(file, "write_symmetric", log);
 }
 
 void write_acrosseff(const across_block& block, const std::string& file, logger& log) {

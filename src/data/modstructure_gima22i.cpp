@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <array>
+#include <functional>
+
 #include "modbasic.hpp"
 #include "modstructure_external_detail.hpp"
 
@@ -25,6 +29,26 @@ void read_symmetric(const external_file& file, std::int32_t declared, gima22i_ty
     matrix.elements = detail::read_elements(text, matrix.levels, matrix.levels, true);
 }
 
+void read_symmetric_stream(const external_file& file, std::int32_t declared, gima22i_type& matrix) {
+    logger& log = file.log;
+    detail::external_stream stream(file);
+    std::array<std::int32_t, 2> sizes{};
+    stream.read(std::span(sizes));
+    const auto [maximum, n] = sizes;
+    log.message("    Maximum level               : " + inttochar(maximum));
+    log.message("   Effective size of the matrix: " + inttochar(n));
+    if (n < 1) file.stop_at_kind("stream", inttochar(n) + " is no size of a matrix");
+    stream.expect(n, std::int64_t{n} * (std::int64_t{n} + 1) / 2);
+    matrix.levels = stream.read_levels(n, maximum, declared);
+    const auto& level = matrix.levels.level;
+    if (const auto at = std::ranges::adjacent_find(level, std::ranges::greater{}); at != level.end())
+        file.stop_at_kind("stream", "Level " + inttochar(at - level.begin() + 2) + ": " + inttochar(at[1]) +
+                                        " stands behind " + inttochar(at[0]) + ", but levels ascend");
+    file.announce(std::int64_t{n} * n * static_cast<std::int64_t>(sizeof(double)));
+    matrix.elements = {};
+    matrix.elements.dense = stream.read_triangle(n);
+}
+
 }  // namespace
 
 void readgima22i(const param_type& param, std::int32_t e, const std::string& file, gima22i_type& matrix,
@@ -37,8 +61,12 @@ void readgima22i(const param_type& param, std::int32_t e, const std::string& fil
 void readqptransfo(const param_type& param, std::int32_t e, const std::string& file, gima22i_type& matrix,
                    logger& log) {
     const std::int32_t declared = declared_levels(param, e);
-    read_symmetric(detail::begin_external(e, declared, file, "QP transfo", "readqptransfo", log), declared,
-                   matrix);
+    const external_file source =
+        detail::begin_external(e, declared, file, "QP transfo", "readqptransfo", log);
+    if (source.ends_with(".stream"))
+        read_symmetric_stream(source, declared, matrix);
+    else
+        read_symmetric(source, declared, matrix);
 }
 
 }  // namespace zendar

@@ -101,7 +101,12 @@ void write_raw_stream(std::span<const double> values, const std::filesystem::pat
 void initvectorfromfile_real8(const param_type& param, std::span<double> vector, const std::string& file,
                               logger& log);
 
-/// Fills `array` (neq x columns) from a text of one column per vector; a missing file leaves it empty.
+/// Fills `array` (neq x vectors) from a text: either one column per vector and a line per equation, in their
+/// order, or rows of trait, effect, level, covariable and a value per vector, in any order. It is rows when
+/// at least half of the lines begin with the numbers of an equation. A missing file leaves the array empty,
+/// with a warning.
+/// @throws fatal_error  unless each line has the columns of the first one and finite values, each equation
+///         has a line, and the vectors are no more than the equations; the message names file and line.
 void initvectorfromfile_array_real8(const param_type& param, matrix<double>& array, const std::string& file,
                                     logger& log);
 

@@ -1,59 +1,28 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
-#include <charconv>
 #include <cmath>
 #include <cstring>
 
 #include "modfile.hpp"
 #include "modgeneral.hpp"
 #include "modgeneral_detail.hpp"
+#include "modgeneral_reading.hpp"
 
 namespace zendar {
 
 namespace {
 
 namespace fs = std::filesystem;
+using detail::check_opened;
+using detail::is_plain;
+using detail::is_there;
+using detail::line_of;
+using detail::next_number;
+using detail::stop_reading;
 
 constexpr std::string_view vector_procedure = "initvectorfromfile_real8";
-constexpr std::string_view array_procedure = "initvectorfromfile_array_real8";
 constexpr std::string_view raw_name = "ca491pcn.bin";
-
-[[noreturn]] void stop_reading(logger& log, const std::string& what, std::string_view procedure, int iostat,
-                               std::string_view iomsg) {
-    fatal_io(log, what, "modgeneral", procedure, iostat, iomsg);
-}
-
-void check_opened(const std::optional<file_error>& error, const std::string& file, std::string_view procedure,
-                  logger& log) {
-    if (error) stop_reading(log, "Cannot read the file " + file, procedure, error->iostat, error->iomsg);
-}
-
-std::string line_of(const text_reader& input, const std::string& file) {
-    return "line " + inttochar(input.line_number()) + " of the file " + file;
-}
-
-bool is_separator(char c) {
-    return c == ' ' || c == '\t';
-}
-
-/// The next number of a line in its common form. False leaves the line to the list-directed reader.
-template <class T>
-bool next_number(const char*& at, const char* end, T& value) {
-    while (at != end && is_separator(*at)) ++at;
-    const auto [stop, error] = std::from_chars(at, end, value);
-    if (error != std::errc() || (stop != end && !is_separator(*stop))) return false;
-    at = stop;
-    return true;
-}
-
-/// Words such as "nan" are numbers to from_chars; what they mean is for the list-directed reader to say.
-bool is_plain(std::string_view line) {
-    return std::ranges::all_of(line, [](char c) {
-        return (c >= '0' && c <= '9') || is_separator(c) || c == '.' || c == '-' || c == '+' || c == 'e' ||
-               c == 'E';
-    });
-}
 
 /// The equations of the rows that a solutions file holds.
 class row_target {
@@ -160,50 +129,6 @@ bool read_raw(std::span<double> vector, const std::string& file) {
            std::ranges::all_of(vector, [](double v) { return std::isfinite(v); });
 }
 
-/// False, with the warning, when the file does not exist.
-bool is_there(const std::string& file, const std::string& consequence, std::string_view procedure,
-              logger& log) {
-    std::error_code code;
-    if (fs::exists(file, code) || code) return true;  // what is wrong shows when it is opened
-    log.warning("The file \"" + file + "\" does not exist!", "modgeneral", procedure);
-    log.warning(consequence, "modgeneral", procedure);
-    return false;
-}
-
-/// Lines that are not blank.
-std::int64_t count_rows(const std::string& file, logger& log) {
-    text_reader input;
-    check_opened(input.open(file), file, array_procedure, log);
-    std::int64_t nrows = 0;
-    while (const auto line = input.line()) nrows += trim(*line).empty() ? 0 : 1;
-    check_opened(input.error(), file, array_procedure, log);
-    return nrows;
-}
-
-[[noreturn]] void wrong_row_count(const std::string& file, std::int64_t nrows, std::int32_t neq,
-                                  logger& log) {
-    fatal(log,
-          "The file " + file + " has " + inttochar(nrows) + " rows, but the number of equations is " +
-              inttochar(neq) + "!",
-          "modgeneral", array_procedure);
-}
-
-void read_array_row(text_reader& input, std::span<double> values, const std::string& file, std::int64_t irow,
-                    std::int32_t neq, logger& log) {
-    if (const auto line = input.line(); line && is_plain(*line)) {
-        const char* at = line->data();
-        const char* const end = at + line->size();
-        if (std::ranges::all_of(values, [&](double& value) { return next_number(at, end, value); })) return;
-    }
-    input.backspace();
-    list_read statement(input);
-    const read_status status = statement.get(values);
-    if (status.ok()) return;
-    check_opened(input.error(), file, array_procedure, log);
-    if (status.iostat == -1) wrong_row_count(file, irow, neq, log);  // rows that go over several lines
-    stop_reading(log, "Cannot read " + line_of(input, file), array_procedure, status.iostat, status.iomsg);
-}
-
 }  // namespace
 
 void initvectorfromfile_real8(const param_type& param, std::span<double> vector, const std::string& file,
@@ -231,33 +156,6 @@ void initvectorfromfile_real8(const param_type& param, std::span<double> vector,
     }
     log.message("Vector initiated from: " + file);
     log.message("Number of rows read from " + file + ": " + inttochar(nrows));
-}
-
-void initvectorfromfile_array_real8(const param_type& param, matrix<double>& array, const std::string& file,
-                                    logger& log) {
-    array = {};
-    if (!is_there(file, "The array will be set to 0.", array_procedure, log)) return;
-
-    std::int64_t ncol = 0;
-    check_opened(numcol(file, ncol), file, array_procedure, log);
-    // Before anything is allocated: the array's length is that of the file.
-    if (const std::int64_t nrows = count_rows(file, log); nrows != param.neq)
-        wrong_row_count(file, nrows, param.neq, log);
-    if (ncol < 1)
-        fatal(log, "The first line of the file " + file + " holds no columns!", "modgeneral",
-              array_procedure);
-
-    text_reader input;
-    check_opened(input.open(file), file, array_procedure, log);
-    array = matrix<double>(param.neq, ncol);
-    std::vector<double> values(static_cast<std::size_t>(ncol));
-    for (std::int64_t i = 0; i < param.neq; ++i) {
-        std::ranges::fill(values, 0.0);
-        read_array_row(input, values, file, i, param.neq, log);
-        for (std::int64_t j = 0; j < ncol; ++j) array(i, j) = values[j];
-    }
-    log.message("Array initiated from: " + file);
-    log.message("Number of columns: " + inttochar(ncol));
 }
 
 }  // namespace zendar

@@ -4,6 +4,7 @@
 #include "modenum.hpp"
 #include "modmme_detail.hpp"
 #include "modmmeiod_a22i.hpp"
+#include "modmmeiod_external.hpp"
 #include "modstats.hpp"
 
 namespace zendar::modmme {
@@ -65,9 +66,44 @@ void addrandompart_sparse(const effect_group& group, const crssparse& asparse, e
             if (m.a[at] != 0.0) addrandompart_elem(group, k, m.ja[at] - 1, m.a[at], store);
 }
 
+/// Options whose matrices take part in the iteration on data only.
+void refuse_iod_options(const param_type& param, logger& log) {
+    struct option {
+        const char* name;
+        const std::vector<std::string>& files;
+    };
+    for (const option& own : {option{"!gapy", param.gapy}, option{"!ktamatrix", param.ktamatrix},
+                              option{"!qptransfo", param.qptransfo}, option{"!tamatrix", param.tamatrix},
+                              option{"!tageno", param.tageno}})
+        if (std::ranges::any_of(own.files, [](const std::string& file) { return file != "none"; }))
+            fatal(log, std::string("The option ") + own.name + " is only available with the IOD solvers",
+                  module_tag, procedure);
+}
+
+/// addrandompart_gima22i: a matrix as it stands, times the covariances of the group.
+void addrandompart_gima22i(const effect_group& group, const modmmeiod::external_term& term,
+                           const assembly& a) {
+    const std::span<const std::int32_t> levels = term.levels();
+    const external_matrix& m = *term.elements();
+    if (m.is_sparse()) {
+        const crs_view<std::int32_t> own = m.sparse.view();
+        for (std::int32_t k = 0; k < own.dim1; ++k)
+            for (std::int32_t at = own.ia[k] - 1; at < own.ia[k + 1] - 1; ++at)
+                if (own.a[at] != 0.0)
+                    addrandompart_elem(group, levels[k] - 1, levels[own.ja[at] - 1] - 1, own.a[at], a.store);
+    } else {
+        for (std::int64_t l = 0; l < term.size(); ++l)
+            for (std::int64_t k = 0; k <= l; ++k)
+                if (m.dense(k, l) != 0.0)
+                    addrandompart_elem(group, levels[k] - 1, levels[l] - 1, m.dense(k, l), a.store);
+    }
+    a.log.message("Addition of Gi-A22i");
+}
+
 }  // namespace
 
 void check_random_types(const mme_input& in, logger& log) {
+    refuse_iod_options(in.param, log);
     for (std::int32_t e = 1; e <= in.param.neffect; ++e) {
         const std::int32_t type = in.param.type_random[e - 1];
         if (find_addition(type, is_huge(in.param, e)) == nullptr)
@@ -125,6 +161,8 @@ void addrandompart(const assembly& a) {
     for (const effect_group& group : state.groups) {
         const std::int32_t e = group.effect, type = a.param.type_random[e - 1];
         a.log.message(std::string(find_addition(type, false)->text) + inttochar(e));
+        for (const auto& [effect, term] : state.external->terms)
+            if (effect == e) addrandompart_gima22i(group, *term, a);
         if (type == 1) {
             for (std::int64_t level = 0; level < group.nlevel; ++level)
                 addrandompart_elem(group, level, level, 1.0, a.store);
@@ -138,6 +176,11 @@ void addrandompart(const assembly& a) {
         if (const auto& a22i = state.asparsesub[e - 1]; a22i != nullptr)
             addrandompart_a22(group, *a22i, state.a22i_weight, a);
     }
+    for (const modmmeiod::across_term& block : state.external->across)
+        if (std::min(block.effect1(), block.effect2()) <= a.param.neffect - a.param.nhuge)
+            block.for_each_element([&a](std::int64_t equation1, std::int64_t equation2, double value) {
+                a.store.add_any(equation1, equation2, value);
+            });
     for (std::int32_t e = a.param.neffect - a.param.nhuge + 1; e <= a.param.neffect; ++e)
         if (const std::int32_t type = a.param.type_random[e - 1]; type != 0)
             a.log.message(std::string(find_addition(type, true)->text) + inttochar(e));

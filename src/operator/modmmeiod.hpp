@@ -58,6 +58,8 @@ struct record_input;
 struct equation_bounds;
 struct ls_kernel;
 struct huge_effect;
+struct external_terms;
+class external_term;
 class single_step_block;
 
 /// The inverse residual matrices of all trait combinations and classes in one array.
@@ -91,6 +93,7 @@ struct operator_state {
     double weightupg = 0.0;                      ///< on the diagonal of random groups
     std::vector<std::unique_ptr<a22_inverse>> asparsesub;  ///< [e - 1]: of the types with a part of A22^-1
     double a22i_weight = 0.0;                              ///< of A22^-1: tau / beta - omega
+    std::unique_ptr<external_terms> external;              ///< of the options that name matrices
     std::vector<huge_effect> huge;                         ///< one per huge effect
     std::vector<std::unique_ptr<single_step_block>> single_step;  ///< of the groups of type 22 and 30
     residual_table rinv;
@@ -99,7 +102,7 @@ struct operator_state {
     /// (thread, effect), thread fastest; an array is allocated where threads meet in the same equations
     std::vector<part_array> residual;
     page_array<double> tmpvector;    ///< of the products with sparse matrices
-    std::vector<double> tmpvector1;  ///< of the products with A22^-1
+    std::vector<double> tmpvector1;  ///< of the products with A22^-1 and external matrices
     std::vector<double> tmpvector2;  ///< of the products with huge effects
 
     operator_state();
@@ -178,6 +181,10 @@ class mme_iod final : public linear_system, public structured_operator {
     void assign_computeleastsquare();
     void setleastsquarepart_full();
     void setup_random_effects();
+    void check_external_terms() const;
+    void computerandompart_external(const effect_group& group, std::span<const double> x, std::span<double> r,
+                                    std::string& text);
+    void addacrosseffectblock(std::span<const double> x, std::span<double> r, std::string& text);
     void setup_relationships(const effect_group& group);
     void allocate_tmpvectors();
     void setup_a22i(const effect_group& group, const pedigree_type& ped);

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "modmmeiod_detail.hpp"
+#include "modmmeiod_external.hpp"
 #include "modmmeiod_huge.hpp"
 #include "modstructure_product.hpp"
 
@@ -54,6 +55,10 @@ void mme_iod::atimesx_onlyhuge(matrix_view<const double> x, matrix_view<double> 
         const std::int64_t before = param_.sumequation[e] - first, n = ginv.getdim(1);
         ginv.multgenm(1.0, 'n', {x.data + before, n, x.cols, x.ld}, 0.0, {r.data + before, n, r.cols, r.ld});
     }
+    for (const modmmeiod::across_term& block : state_.external->across)
+        if (std::min(block.effect1(), block.effect2()) > param_.neffect - param_.nhuge)
+            for (std::int64_t v = 0; v < r.cols; ++v)
+                block.timesx(x.column(v), r.column(v), first, state_.tmpvector1);
     for (std::size_t k = 0; k < state_.huge.size(); ++k) {
         const modmmeiod::huge_effect& huge = state_.huge[k];
         matrix<double> back(huge.ncov, nt * x.cols);

@@ -5,6 +5,7 @@
 #include "modenum.hpp"
 #include "modmmeiod_a22i.hpp"
 #include "modmmeiod_detail.hpp"
+#include "modmmeiod_external.hpp"
 #include "modmmeiod_random.hpp"
 #include "modstats.hpp"
 
@@ -183,8 +184,28 @@ void mme_iod::computerandompart(std::span<const double> x, std::span<double> r, 
         const modmmeiod::random_product* product =
             modmmeiod::find_random_product(param_.type_random[group.effect - 1], param_.useasparse);
         product->timesx(state_, group, work, x, r);
+        computerandompart_external(group, x, r, text);
     }
+    addacrosseffectblock(x, r, text);
     computerandompart_huge(x, r, text);
+}
+
+void mme_iod::computerandompart_external(const effect_group& group, std::span<const double> x,
+                                         std::span<double> r, std::string& text) {
+    for (const auto& [effect, term] : state_.external->terms) {
+        if (effect != group.effect) continue;
+        const wtime clock;
+        modmmeiod::addrandompart_external_timesx(group, *term, state_.tmpvector1, x, r, log_);
+        text += " " + std::string(term->label()) + realtochar(clock.seconds(), "(f0.3)");
+    }
+}
+
+void mme_iod::addacrosseffectblock(std::span<const double> x, std::span<double> r, std::string& text) {
+    for (const modmmeiod::across_term& block : state_.external->across) {
+        const wtime clock;
+        block.timesx(x, r, 0, state_.tmpvector1);
+        text += " Acrosseff * x           : " + realtochar(clock.seconds(), "(f0.3)");
+    }
 }
 
 }  // namespace zendar

@@ -10,6 +10,7 @@
 #include "modfile.hpp"
 #include "modmmeiod_a22i.hpp"
 #include "modmmeiod_detail.hpp"
+#include "modmmeiod_external.hpp"
 #include "modmmeiod_huge.hpp"
 #include "modmmeiod_ls.hpp"
 #include "modmmeiod_random.hpp"
@@ -65,6 +66,7 @@ void mme_iod::setup_matrices() {
     state_ = {};
     for (std::int32_t e = 1; e <= param_.neffect; ++e)
         state_.nrhscontributions.push_back(computenrhscontributions(param_, e));
+    modmmeiod::external_matrices matrices = modmmeiod::read_external_matrices(param_, log_);
 
     log_.message("Inversion of the residual matrix(ces) for the different trait combinations");
     initresidualmatrix(param_, log_);
@@ -72,6 +74,8 @@ void mme_iod::setup_matrices() {
     const std::int64_t bytes = std::ssize(state_.rinv.values) * static_cast<std::int64_t>(sizeof(double));
     log_.message("Memory (MB) needed for the residual matrix(ces): " + realtochar(mib(bytes), "(f0.2)"));
 
+    state_.external = std::make_unique<modmmeiod::external_terms>(
+        modmmeiod::make_external_terms(std::move(matrices), param_, ped_, log_));
     setup_random_effects();
     setup_huge_effects();
     state_.terms = modmmeiod::make_record_terms(param_, cov_, state_.huge);
@@ -90,7 +94,8 @@ void mme_iod::setup_lhsrhs_iod(std::int32_t loptimem) {
 
     const bool uses_omega =
         std::ranges::any_of(state_.asparsesub, [](const auto& a22i) { return a22i != nullptr; }) ||
-        std::ranges::count(param_.type_random, 30) > 0;
+        std::ranges::count(param_.type_random, 30) > 0 ||
+        std::ranges::any_of(state_.external->terms, [](const auto& own) { return own.term->takes_omega(); });
     if (param_.omega != 1.0 && !uses_omega) {
         log_.warning(
             "Omega different than 1 is not supported with the requested options! Omega will be set to 1.");
@@ -123,7 +128,18 @@ void mme_iod::setup_random_effects() {
         if (!is_pedigree_code(type)) continue;
         setup_relationships(group);
     }
+    check_external_terms();
     allocate_tmpvectors();
+}
+
+/// Every external matrix must have a group, whose levels hold its own.
+void mme_iod::check_external_terms() const {
+    for (const auto& [effect, term] : state_.external->terms) {
+        const auto group = std::ranges::find(state_.groups, effect, &effect_group::effect);
+        if (group == state_.groups.end() || *std::ranges::max_element(term->levels()) > group->nlevel)
+            fatal(log_, "Internal error: an external matrix has no place in effect " + inttochar(effect),
+                  "modmmeiod", "setup_lhsrhs_iod");
+    }
 }
 
 /// Work arrays of the random part: all effects use the same ones, one after the other.
@@ -140,7 +156,12 @@ void mme_iod::allocate_tmpvectors() {
         if (const auto& a22i = state_.asparsesub[e]; a22i != nullptr)
             a22i_work =
                 std::max(a22i_work, 2 * a22i->size() * group.order() + a22i->work_size(group.order()));
+        for (const auto& [effect, term] : state_.external->terms)
+            if (effect == group.effect)
+                a22i_work = std::max(a22i_work, modmmeiod::external_work_size(group, *term));
     }
+    for (const modmmeiod::across_term& block : state_.external->across)
+        a22i_work = std::max(a22i_work, block.work_size());
     state_.tmpvector = page_array<double>(spill);
     state_.tmpvector1.assign(static_cast<std::size_t>(a22i_work), 0.0);
 }

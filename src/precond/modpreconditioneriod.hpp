@@ -104,6 +104,7 @@ struct precond_input {
         {};  ///< [e - 1], of each first huge effect of a group
     std::span<const std::unique_ptr<modmmeiod::single_step_block>> single_step = {};
     std::span<const std::vector<double>> diagmaaam = {};  ///< per huge effect; empty where it is not computed
+    const modmmeiod::external_terms* external = nullptr;  ///< null for none
 };
 
 /// The groups' matrices in assembly, [e - 1]; their indices are relative to the group's first equation.

@@ -250,7 +250,7 @@ preconditioner create_mija_lhs(const mme_iod& mme, logger& log,
     const modmmeiod::operator_state& state = mme.state();
     return create_mija_lhs(precond_input{mme.param(), mme.data(), mme.cov(), state.rinv, state.groups,
                                          state.asparse, state.pedigree, state.asparsesub, state.a22i_weight,
-                                         mme.ghuge(), state.single_step, diagmaaam},
+                                         mme.ghuge(), state.single_step, diagmaaam, state.external.get()},
                            log);
 }
 

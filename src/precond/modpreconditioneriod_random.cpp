@@ -3,6 +3,7 @@
 #include <array>
 
 #include "modenum.hpp"
+#include "modmmeiod_external.hpp"
 
 namespace zendar::modpreconditioneriod {
 
@@ -74,6 +75,9 @@ void addrandompart_to_preconditioner(const precond_input& in, std::span<mija> mi
             fatal(log, "Internal error: the covariance block of effect " + inttochar(e) + " was not prepared",
                   module_tag, procedure);
         addition.add(context, *group);
+        if (in.external != nullptr)
+            for (const auto& [effect, term] : in.external->terms)
+                if (effect == e) addrandompart_external_to_preconditioner(context, *group, *term);
     }
     addrandompart_huge_to_preconditioner(context);
 }

@@ -175,6 +175,9 @@ void addrandompart_eff_ani_rupg_inb_to_preconditioner(const random_context& cont
                                                       const effect_group& group);
 void addrandompart_eff_ani_inb_meta_to_preconditioner(const random_context& context,
                                                       const effect_group& group);
+/// An external matrix among some levels of a group.
+void addrandompart_external_to_preconditioner(const random_context& context, const effect_group& group,
+                                              modmmeiod::external_term& term);
 /// A matrix between the levels of a group, given by its upper triangle.
 void add_relationship_matrix(const random_context& context, const effect_group& group,
                              const crssparse& matrix, std::string_view procedure);

@@ -1,3 +1,4 @@
+#include "modmmeiod_external.hpp"
 #include "modpreconditioneriod_random.hpp"
 
 namespace zendar::modpreconditioneriod {
@@ -39,6 +40,26 @@ void addrandompart_externalmat_to_preconditioner(const random_context& context, 
         fatal(context.log, "asparsesub is not allocated for effect " + inttochar(group.effect), module_tag,
               procedure);
     add_relationship_matrix(context, group, *matrix, procedure);
+}
+
+void addrandompart_external_to_preconditioner(const random_context& context, const effect_group& group,
+                                              modmmeiod::external_term& term) {
+    const std::span<const std::int32_t> levels = term.levels();
+    const external_matrix* const elements = term.elements();
+    const std::vector<double> diagonal = term.diagonal(context.log);
+    context.log.message(std::string(term.precond_text()));
+    add_to_preconditioner(context.in, group, context.mija_global, context.cootmp,
+                          "addrandompart_external_to_preconditioner", context.log, [&](const auto& sink) {
+                              for (std::size_t k = 0; k < levels.size(); ++k)
+                                  sink.add(levels[k] - 1, diagonal[k]);
+                              if constexpr (std::remove_cvref_t<decltype(sink)>::pairs) {
+                                  if (elements == nullptr) return;
+                                  for (std::int64_t k = 0; k < std::ssize(levels); ++k)
+                                      for (std::int64_t i = 0; i < k; ++i)
+                                          sink.add(levels[i] - 1, levels[k] - 1, elements->value(i, k));
+                              }
+                          });
+    context.log.message(std::string(term.precond_count_text()) + inttochar(term.size()));
 }
 
 void add_relationship_matrix(const random_context& context, const effect_group& group,

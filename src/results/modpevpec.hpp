@@ -133,6 +133,17 @@ void get_pvalue(const param_type& param, const snp_model_input& input, std::span
                 const crssparse& inverse, matrix_view<double> snpeffects, matrix_view<double> varhatsnp,
                 matrix_view<double> pvalues, logger& log);
 
+/// Values of SNPs for one effect.
+struct snp_columns {
+    std::int32_t effect = 0;           ///< from 1
+    std::int32_t ncov = 1;             ///< covariables of a level
+    matrix_view<const double> values;  ///< SNPs x (covariable, trait), traits fastest
+};
+/// Writes rows "trait effect level covariable value" in the order of a solutions file: the SNP is the
+/// covariable of level 0, or the level of an effect with several covariables.
+/// @param columns  effects ascending.
+void write_snp_values(std::int32_t ntrait, std::span<const snp_columns> columns, const std::string& file,
+                      logger& log);
 /// Writes columns of values of SNPs as rows "trait effect 0 SNP value", in the order of a solutions file.
 /// @param effects  one for each `ntrait` columns.
 void write_snp_values(std::int32_t ntrait, std::span<const std::int32_t> effects,

@@ -97,27 +97,43 @@ void get_pvalue(const param_type& param, const snp_model_input& input, std::span
     report_variances(snpeffects, varhatsnp, log);
 }
 
-void write_snp_values(std::int32_t ntrait, std::span<const std::int32_t> effects,
-                      matrix_view<const double> values, const std::string& file, logger& log) {
+void write_snp_values(std::int32_t ntrait, std::span<const snp_columns> columns, const std::string& file,
+                      logger& log) {
     // A model of these effects alone: the others have no covariables and so no rows.
     param_type model;
     model.ntrait = ntrait;
-    model.neffect = effects.empty() ? 0 : *std::ranges::max_element(effects);
+    model.neffect = columns.empty() ? 0 : columns.back().effect;
     const auto n = static_cast<std::size_t>(model.neffect);
     model.type_effect.assign(n, teff_huge);
     model.n_level_nested.assign(n, 0);
     model.nx.assign(n + 2, 0);
     model.sumequation.assign(n + 3, 0);
-    for (std::size_t k = 0; k < effects.size(); ++k) {
-        model.nx[effects[k]] = narrow<std::int32_t>(values.rows);
-        model.sumequation[effects[k]] = static_cast<std::int64_t>(k) * values.rows * ntrait;
+    std::vector<double> vector;
+    for (const snp_columns& own : columns) {
+        const std::int32_t e = own.effect, nsnp = narrow<std::int32_t>(own.values.rows);
+        model.nx[e] = own.ncov > 1 ? own.ncov : nsnp;
+        if (own.ncov > 1) {
+            model.type_effect[e - 1] = teff_covariable;
+            model.n_level_nested[e - 1] = nsnp;
+        }
+        model.sumequation[e] = std::ssize(vector);
+        for (std::int64_t i = 0; i < own.values.rows; ++i)
+            for (std::int64_t j = 0; j < own.values.cols; ++j) vector.push_back(own.values(i, j));
     }
-    model.neq = narrow<std::int32_t>(values.rows * values.cols);
-    std::vector<double> vector(static_cast<std::size_t>(model.neq));
-    for (std::int64_t j = 0; j < values.cols; ++j)
-        for (std::int64_t i = 0; i < values.rows; ++i)
-            vector[(j / ntrait) * values.rows * ntrait + i * ntrait + j % ntrait] = values(i, j);
+    model.neq = narrow<std::int32_t>(std::ssize(vector));
     writeoutput_real8_ori(model, vector, file, log);
+}
+
+void write_snp_values(std::int32_t ntrait, std::span<const std::int32_t> effects,
+                      matrix_view<const double> values, const std::string& file, logger& log) {
+    std::vector<snp_columns> columns;
+    for (std::size_t k = 0; k < effects.size(); ++k)
+        columns.push_back({effects[k],
+                           1,
+                           {values.data + static_cast<std::int64_t>(k) * ntrait * values.ld, values.rows,
+                            ntrait, values.ld}});
+    std::ranges::sort(columns, {}, &snp_columns::effect);
+    write_snp_values(ntrait, columns, file, log);
 }
 
 }  // namespace zendar

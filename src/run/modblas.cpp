@@ -22,6 +22,9 @@ void dpotri_(const char* triangle, const int* n, double* a, const int* lda, int*
 void dgemm_(const char* ta, const char* tb, const int* m, const int* n, const int* k, const double* alpha,
             const double* a, const int* lda, const double* b, const int* ldb, const double* beta, double* c,
             const int* ldc, std::size_t, std::size_t);
+void dgemv_(const char* trans, const int* m, const int* n, const double* alpha, const double* a,
+            const int* lda, const double* x, const int* incx, const double* beta, double* y, const int* incy,
+            std::size_t);
 void dsyrk_(const char* triangle, const char* trans, const int* n, const int* k, const double* alpha,
             const double* a, const int* lda, const double* beta, double* c, const int* ldc, std::size_t,
             std::size_t);
@@ -31,6 +34,9 @@ void dsymm_(const char* side, const char* triangle, const int* m, const int* n, 
 void dtrsm_(const char* side, const char* triangle, const char* trans, const char* diag, const int* m,
             const int* n, const double* alpha, const double* a, const int* lda, double* b, const int* ldb,
             std::size_t, std::size_t, std::size_t, std::size_t);
+void dtrtrs_(const char* triangle, const char* trans, const char* diag, const int* n, const int* nrhs,
+             const double* a, const int* lda, double* b, const int* ldb, int* info, std::size_t, std::size_t,
+             std::size_t);
 }
 
 namespace zendar {
@@ -124,6 +130,20 @@ void blas_dgemm(bool ta, bool tb, double alpha, matrix_view<const double> a, mat
            &ldc, 1, 1);
 }
 
+void blas_dgemv(bool transposed, double alpha, matrix_view<const double> a, std::span<const double> x,
+                double beta, std::span<double> y) {
+    assert(well_formed(a) && std::ssize(x) == (transposed ? a.rows : a.cols));
+    assert(std::ssize(y) == (transposed ? a.cols : a.rows));
+    if (x.empty()) {  // the library would leave y as it is
+        for (double& value : y) value = beta == 0.0 ? 0.0 : beta * value;
+        return;
+    }
+    const int m = narrow<int>(a.rows), n = narrow<int>(a.cols), lda = leading_dimension(a), step = 1;
+    if (!y.empty())
+        dgemv_(transposed ? "T" : "N", &m, &n, &alpha, a.data, &lda, x.data(), &step, &beta, y.data(), &step,
+               1);
+}
+
 void blas_dsyrk(double alpha, matrix_view<const double> a, double beta, matrix_view<double> c) {
     assert(well_formed(a) && well_formed(c) && c.rows == c.cols && a.rows == c.rows);
     const int n = narrow<int>(c.rows), k = narrow<int>(a.cols);
@@ -148,6 +168,16 @@ void blas_dtrsm_right(bool transposed, matrix_view<const double> l, matrix_view<
     const double one = 1.0;
     if (m == 0 || n == 0) return;
     dtrsm_("R", "L", transposed ? "T" : "N", "N", &m, &n, &one, l.data, &ldl, b.data, &ldb, 1, 1, 1, 1);
+}
+
+int lapack_dtrtrs(bool transposed, matrix_view<const double> l, matrix_view<double> b) {
+    assert(well_formed(l) && well_formed(b) && l.rows == l.cols && b.rows == l.rows);
+    const int n = narrow<int>(b.rows), nrhs = narrow<int>(b.cols);
+    const int ldl = leading_dimension(l), ldb = leading_dimension(b);
+    int info = 0;
+    if (n > 0)
+        dtrtrs_("L", transposed ? "T" : "N", "N", &n, &nrhs, l.data, &ldl, b.data, &ldb, &info, 1, 1, 1);
+    return info;
 }
 
 void set_number_of_threads(int n) {

@@ -34,6 +34,10 @@ int lapack_dpotri(matrix_view<double> a);
 void blas_dgemm(bool ta, bool tb, double alpha, matrix_view<const double> a, matrix_view<const double> b,
                 double beta, matrix_view<double> c);
 
+/// y = alpha op(a) x + beta y (DGEMV), op the transpose when `transposed`. x and y do not overlap.
+void blas_dgemv(bool transposed, double alpha, matrix_view<const double> a, std::span<const double> x,
+                double beta, std::span<double> y);
+
 /// c = alpha a a' + beta c, lower triangle of c only (DSYRK "L", "N").
 void blas_dsyrk(double alpha, matrix_view<const double> a, double beta, matrix_view<double> c);
 
@@ -43,6 +47,11 @@ void blas_dsymm(double alpha, matrix_view<const double> a, matrix_view<const dou
 
 /// b = b op(l)^-1 for a lower triangular l (DTRSM "R", "L"), op the transpose when `transposed`.
 void blas_dtrsm_right(bool transposed, matrix_view<const double> l, matrix_view<double> b);
+
+/// b = op(l)^-1 b for a lower triangular l (DTRTRS "L"), op the transpose when `transposed`.
+/// @returns LAPACK's info: the place (from 1) of the first zero on the diagonal of l, which leaves b as it
+/// was.
+int lapack_dtrtrs(bool transposed, matrix_view<const double> l, matrix_view<double> b);
 
 /// Threads of this process for OpenMP and BLAS alike; set once, from the command line.
 void set_number_of_threads(int n);

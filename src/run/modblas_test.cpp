@@ -198,6 +198,37 @@ TEST(BlasDgemm, TakesEmptyOperands) {
     EXPECT_THAT(c.values(), ::testing::Each(2.0));
 }
 
+TEST(BlasDgemv, AgreesWithTheSumsWrittenOut) {
+    const matrix<double> large = random_matrix(9, 4, 5), x = random_matrix(7, 1, 6);
+    const matrix_view<const double> a{large.data() + 1, 7, 4, 9};
+    for (const bool transposed : {false, true}) {
+        const std::int64_t m = transposed ? 4 : 7, k = transposed ? 7 : 4;
+        std::vector<double> y(static_cast<std::size_t>(m), 3.0);
+
+        blas_dgemv(transposed, 2.0, a, x.values().first(static_cast<std::size_t>(k)), -0.5, y);
+
+        for (std::int64_t i = 0; i < m; ++i) {
+            double sum = -1.5;
+            for (std::int64_t l = 0; l < k; ++l) sum += 2.0 * (transposed ? a(l, i) : a(i, l)) * x(l, 0);
+            EXPECT_NEAR(y[i], sum, 1e-14) << i;
+        }
+    }
+}
+
+TEST(BlasDgemv, OverwritesNaNWhenBetaIsZeroAndTakesEmptyOperands) {
+    const matrix<double> a = from_rows({{1.0, 2.0}}), no_columns(2, 0), no_rows(0, 2);
+    std::vector<double> x{3.0, 4.0}, one{not_a_number}, two{not_a_number, not_a_number}, none;
+
+    blas_dgemv(false, 1.0, a.view(), x, 0.0, one);
+    EXPECT_THAT(one, ElementsAre(11.0));
+    blas_dgemv(false, 1.0, no_columns.view(), none, 0.0, two);
+    EXPECT_THAT(two, ElementsAre(0.0, 0.0));
+    blas_dgemv(true, 1.0, no_rows.view(), none, 2.0, x);
+    EXPECT_THAT(x, ElementsAre(6.0, 8.0));
+    blas_dgemv(false, 1.0, no_rows.view(), x, 0.0, none);
+    EXPECT_TRUE(none.empty());
+}
+
 TEST(BlasDsyrk, AddsTheLowerTriangleOfTheProductAndLeavesTheUpper) {
     const matrix<double> a = from_rows({{1.0, 2.0}, {3.0, -4.0}});
     matrix<double> c = from_rows({{10.0, 77.0}, {20.0, 30.0}});
@@ -238,6 +269,37 @@ TEST(BlasDtrsmRight, TakesEmptyOperands) {
     blas_dsymm(1.0, nothing.view(), nothing.view(), 1.0, nothing.view());
 
     EXPECT_TRUE(rows.empty());
+}
+
+TEST(LapackDtrtrs, SolvesWithALowerTriangleOrItsTranspose) {
+    const matrix<double> l = from_rows({{2.0, not_a_number}, {3.0, 4.0}});
+    matrix<double> plain = from_rows({{8.0, 2.0}, {4.0, 11.0}}), transposed = plain;
+
+    EXPECT_EQ(lapack_dtrtrs(false, l.view(), plain.view()), 0);
+    EXPECT_EQ(lapack_dtrtrs(true, l.view(), transposed.view()), 0);
+
+    EXPECT_THAT(plain.values(), ::testing::ElementsAre(4.0, -2.0, 1.0, 2.0));          // l x = b
+    EXPECT_THAT(transposed.values(), ::testing::ElementsAre(2.5, 1.0, -3.125, 2.75));  // l' x = b
+}
+
+TEST(LapackDtrtrs, TellsAZeroOnTheDiagonalAndLeavesTheRightHandSide) {
+    const matrix<double> l = from_rows({{2.0, 0.0, 0.0}, {3.0, 0.0, 0.0}, {1.0, 1.0, 0.0}});
+    matrix<double> b = from_rows({{8.0}, {4.0}, {1.0}});
+
+    EXPECT_EQ(lapack_dtrtrs(false, l.view(), b.view()), 2);
+
+    EXPECT_THAT(b.values(), ::testing::ElementsAre(8.0, 4.0, 1.0));
+}
+
+TEST(LapackDtrtrs, TakesEmptyOperandsAndPartsOfLargerMatrices) {
+    matrix<double> nothing, columns(2, 0), large(4, 3, 9.0);
+    const matrix<double> l = from_rows({{2.0, 0.0}, {0.0, 4.0}});
+
+    EXPECT_EQ(lapack_dtrtrs(false, nothing.view(), nothing.view()), 0);
+    EXPECT_EQ(lapack_dtrtrs(false, l.view(), columns.view()), 0);
+    EXPECT_EQ(lapack_dtrtrs(true, l.view(), {&large(1, 1), 2, 1, 4}), 0);
+
+    EXPECT_THAT(large.column(1), ::testing::ElementsAre(9.0, 4.5, 2.25, 9.0));
 }
 
 TEST(SetNumberOfThreads, SetsTheTeamOfParallelRegionsAndIgnoresZero) {

@@ -65,6 +65,11 @@ void outputpevpec(run_state& run);
 void write_lhs(run_state& run);
 /// The smallest and the largest eigenvalues of the left-hand side in memory and their vectors to files.
 void eigenlhs(run_state& run);
+/// Stops at a `!ktamatrix` that cannot be used: its effect needs a Ta or its genotypes and a pedigree, and the
+/// file must be there.
+void check_ktamatrix(const param_type& param, logger& log);
+/// The SNP effects of `!ktamatrix`, from the solutions, to "snpeffects_ta.dat".
+void solve_snpeffects_ta(run_state& run);
 /// True when steps behind the solver need the data.
 [[nodiscard]] bool needs_data(const run_state& run);
 void deallocdata(run_state& run);

@@ -45,25 +45,6 @@ void setup_inmem(run_state& run) {
     if (run.param.solver.eigenlhs) eigenlhs(run);
 }
 
-/// Options whose matrices have no place in the equations yet must not be passed over in silence.
-void refuse_external_matrices(const param_type& param, logger& log) {
-    const auto is_given = [](const std::vector<std::string>& files) {
-        return std::ranges::any_of(files, [](const std::string& file) { return file != "none"; });
-    };
-    const auto refuse = [&log](const char* option, bool given) {
-        if (given)
-            fatal(log, std::string("The option ") + option + " is not implemented yet", "modsnpmodel",
-                  "setlhsrhs");
-    };
-    refuse("!acrosseff", !param.acrosseff.empty());
-    refuse("!gapy", is_given(param.gapy));
-    refuse("!gima22i", is_given(param.gima22i));
-    refuse("!ktamatrix", is_given(param.ktamatrix));
-    refuse("!qptransfo", is_given(param.qptransfo));
-    refuse("!tamatrix", is_given(param.tamatrix));
-    refuse("!tageno", is_given(param.tageno));
-}
-
 }  // namespace
 
 bool needs_data(const run_state& run) {
@@ -78,7 +59,7 @@ void setlhsrhs(run_state& run) {
     log.message("Memory (MB) needed for solutions: " + realtochar(mib(bytes), "(f0.2)"));
     run.solutions.assign(static_cast<std::size_t>(param.neq), 0.0);
 
-    refuse_external_matrices(param, log);
+    check_ktamatrix(param, log);
     const std::int32_t code = param.solver.solver;
     if (is_inmemory_solver(code) &&
         std::ranges::any_of(run.cov, [](const covariable_type& cov) { return cov.compressed != nullptr; }))

@@ -9,6 +9,7 @@
 #include "modsolver.hpp"
 #include "modsolveriod_chebyshev.hpp"
 #include "modsolveriod_dpcg_comp.hpp"
+#include "modsolveriod_dpcg_real.hpp"
 #include "modstats.hpp"
 
 namespace zendar {
@@ -33,6 +34,18 @@ void solve_dpcg_iod(run_state& run) {
     const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
     run.finite = solver_dpcg_iod_comp(run.param, *run.lhs_iod, structured, *run.mija_global, z, run.solutions,
                                       groups, run.cov, run.log)
+                     .finite;
+}
+
+void solve_dpcg_iod_real(run_state& run) {
+    const solver_type& solver = run.param.solver;
+    matrix<double> z;
+    initvectorfromfile_array_real8(run.param, z, solver.deflationmat, run.log);
+    if (solver.computegalerkin) fatal(run.log, "Not implemented yet", "modsnpmodel", "solve");
+    if (solver.convpart != 0) fatal(run.log, "not implemented yet 2", "modsnpmodel", "solve");
+    const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
+    run.finite = solver_dpcg_iod_real(run.param, *run.lhs_iod, *run.mija_global, z, run.solutions, groups,
+                                      run.cov, run.log)
                      .finite;
 }
 
@@ -116,13 +129,14 @@ struct solver_branch {
     std::int32_t code;
     void (*run)(run_state&);
 };
-constexpr std::array<solver_branch, 8> branches{{{code_pardiso, solve_pardiso},
+constexpr std::array<solver_branch, 9> branches{{{code_pardiso, solve_pardiso},
                                                  {code_fpcg_inmem, solve_fpcg_inmem},
                                                  {code_pcg_inmem, solve_pcg_inmem},
                                                  {code_pcg_inmem_block, solve_pcg_inmem_block},
                                                  {code_dpcg_inmem, solve_dpcg_inmem},
                                                  {code_pcg_iod, solve_pcg_iod},
                                                  {code_dpcg_iod, solve_dpcg_iod},
+                                                 {code_dpcg_iod_real, solve_dpcg_iod_real},
                                                  {code_cheb_iod, solve_cheb_iod}}};
 
 const solver_branch* find_branch(std::int32_t code) {
@@ -153,6 +167,7 @@ void solve(run_state& run) {
         fatal(log, "The requested type of solver is not implemented", "modsnpmodel", "solve");
     branch->run(run);
     if (run.quiet_end) return;
+    solve_snpeffects_ta(run);
     if (is_iod_solver(code)) {
         run.mija_global.reset();
         destroy_solver_iod(run.solver_iod);

@@ -4,8 +4,8 @@
 #include <span>
 #include <vector>
 
-#include "modsolveriod_detail.hpp"
 #include "modsolveriod_dpcg_comp.hpp"
+#include "modsolveriod_dpcg_detail.hpp"
 
 /// Deflation with compressed subdomains; private to the solvers.
 namespace zendar::detail {
@@ -16,14 +16,13 @@ namespace zendar::detail {
                                          structured_operator* structured, const subdomains& z, logger& log);
 
 /// P of compressed subdomains. Its arguments outlive it.
-class compressed_projector final : public projector {
+class compressed_projector final : public deflation_projector {
   public:
     compressed_projector(linear_operator& c, const subdomains& z, const matrix<double>& einv);
 
     /// computeptimesvector; behind the product with C it makes computepatimesvector.
     void project(std::span<double> v) override;
-    /// The last step of computeqbpluspx: x += Z E^-1 Z' r
-    void correct(std::span<const double> r, std::span<double> x);
+    void correct(std::span<const double> r, std::span<double> x) override;
 
   private:
     /// coarse[j] = (E^-1 Z' v)(j), j from 1.

@@ -1,10 +1,8 @@
 #include <algorithm>
 
 #include "modbasic.hpp"
-#include "modfile.hpp"
-#include "modmatop.hpp"
-#include "modsolveriod_detail.hpp"
 #include "modsolveriod_dpcg_comp.hpp"
+#include "modsolveriod_dpcg_detail.hpp"
 #include "modstats.hpp"
 
 namespace zendar {
@@ -14,8 +12,6 @@ namespace {
 constexpr std::string_view module_tag = "modsolveriod";
 constexpr std::int32_t most_plain = 20;  ///< subdomains that are worth no other way than products with C
 constexpr std::int64_t vectors_of_product = 32;
-constexpr const char* text_file = "def_einv_20.dat";
-constexpr const char* stream_file = "def_einv.stream";
 
 /// Column `column` of E, as far as it comes from one product with C.
 void multiply_subdomain(linear_system& system, const subdomains& z, std::int32_t column, std::span<double> v,
@@ -25,21 +21,6 @@ void multiply_subdomain(linear_system& system, const subdomains& z, std::int32_t
     std::ranges::fill(sums, 0.0);
     for (std::size_t i = 0; i < w.size(); ++i)
         if (z.of[i] > 0) sums[z.of[i] - 1] += w[i];
-}
-
-std::string rows_of(const matrix<double>& e) {
-    std::string text;
-    for (std::int64_t i = 0; i < e.rows(); ++i) {
-        for (std::int64_t j = 0; j < e.cols(); ++j) text += (j > 0 ? " " : "") + realtochar(e(i, j), "(g0)");
-        text += "\n";
-    }
-    return text;
-}
-
-void check_written(const std::optional<file_error>& error, const char* name, logger& log) {
-    if (error)
-        fatal_io(log, std::string("Cannot write the file ") + name, module_tag, "createeinv", error->iostat,
-                 error->iomsg);
 }
 
 }  // namespace
@@ -102,40 +83,17 @@ void createeinv_opt_1(linear_system& system, structured_operator& structured, co
 
 matrix<double> computeeinv(linear_system& system, structured_operator* structured, const subdomains& z,
                            logger& log) {
-    log.message("Start the computation of inv(ZAZ)");
-    matrix<double> e(z.nsub, z.nsub);
-    const wtime clock;
-    if (z.nsub <= most_plain || structured == nullptr)
-        createeinv(system, z, e.view());
-    else
-        createeinv_opt_1(system, *structured, z, e.view(), log);
-    log.message("     Wall clock time (s) for the products: " + realtochar(clock.seconds(), "(f0.3)"));
-    std::string text = rows_of(e) + "*******\n";
-    // Rounding must not decide on which triangle is right.
-    for (std::int64_t j = 0; j < e.cols(); ++j)
-        for (std::int64_t i = 0; i < j; ++i) e(i, j) = e(j, i) = 0.5 * (e(i, j) + e(j, i));
-    const wtime inversion;
-    if (!invsym(e.view(), log))
-        fatal(
-            log,
-            "The Galerkin matrix of the subdomains is not positive definite: a subdomain has no equation, or "
-            "depends on others",
-            module_tag, "createeinv");
-    log.message("     Wall clock time (s) for the inversion: " + realtochar(inversion.seconds(), "(f0.3)"));
-    const wtime writing;
-    text += rows_of(e) + "*******\n";
-    file_writer out;
-    check_written(out.open(text_file), text_file, log);
-    out.write(text);
-    check_written(out.commit(), text_file, log);
-    file_writer stream;
-    check_written(stream.open(stream_file), stream_file, log);
-    stream.write_values(std::span<const double>(e.values()));
-    check_written(stream.commit(), stream_file, log);
-    log.message("     Wall clock time (s) for writing: " + realtochar(writing.seconds(), "(f0.3)"));
-    log.message("inv(ZAZ) computed (and saved to file)");
-    log.message(" Elapsed time to compute inv(ZAZ): " + realtochar(clock.seconds(), "(f0.3)"));
-    return e;
+    const auto products = [&](matrix_view<double> e) {
+        if (z.nsub <= most_plain || structured == nullptr)
+            createeinv(system, z, e);
+        else
+            createeinv_opt_1(system, *structured, z, e, log);
+    };
+    return detail::compute_einv(
+        z.nsub, products,
+        "The Galerkin matrix of the subdomains is not positive definite: a subdomain has no equation, or "
+        "depends on others",
+        log);
 }
 
 void computegalerkin(const param_type& param, linear_system& system, structured_operator* structured,

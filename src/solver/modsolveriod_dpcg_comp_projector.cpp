@@ -3,50 +3,15 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <cmath>
 
-#include "modbasic.hpp"
 #include "modblas.hpp"
-#include "modfile.hpp"
 
 namespace zendar::detail {
-
-namespace {
-
-constexpr std::string_view module_tag = "modsolveriod";
-constexpr std::string_view procedure = "solver_dpcg_iod_comp";
-
-/// E^-1 of a file, without any header.
-matrix<double> read_einv(const std::string& name, std::int32_t nsub, logger& log) {
-    binary_reader in;
-    if (const auto error = in.open(name))
-        fatal_io(log, "The file of the Galerkin matrix " + name + " cannot be read", module_tag, procedure,
-                 error->iostat, error->iomsg);
-    const std::int64_t expected = std::int64_t{nsub} * nsub * static_cast<std::int64_t>(sizeof(double));
-    if (in.size() != expected)
-        fatal(log,
-              "The file of the Galerkin matrix " + name + " has " + inttochar(in.size()) +
-                  " bytes instead of " + inttochar(expected) + " for " + inttochar(nsub) + " subdomains",
-              module_tag, procedure);
-    matrix<double> e(nsub, nsub);
-    if (!in.read_values(e.values()))
-        fatal(log, "The file of the Galerkin matrix " + name + " cannot be read to its end", module_tag,
-              procedure);
-    if (!std::ranges::all_of(e.values(), [](double v) { return std::isfinite(v); }))
-        fatal(log, "The file of the Galerkin matrix " + name + " has values that are not finite", module_tag,
-              procedure);
-    return e;
-}
-
-}  // namespace
 
 matrix<double> obtain_einv(const param_type& param, linear_system& system, structured_operator* structured,
                            const subdomains& z, logger& log) {
     if (param.solver.galerkin == "none") return computeeinv(system, structured, z, log);
-    log.message("Start reading inv(ZAZ)");
-    matrix<double> einv = read_einv(param.solver.galerkin, z.nsub, log);
-    log.message("inv(ZAZ) read");
-    return einv;
+    return read_einv(param.solver.galerkin, z.nsub, log);
 }
 
 compressed_projector::compressed_projector(linear_operator& c, const subdomains& z,
