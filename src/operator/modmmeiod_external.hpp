@@ -64,7 +64,7 @@ class symmetric_term : public external_term {
         return "   Number of elements added to the preconditioner: ";
     }
     [[nodiscard]] std::span<const std::int32_t> levels() const override { return matrix_.levels.level; }
-    /// Dense: 8 n^2 / 2 bytes and 2 n^2 flops a column.
+    /// Dense: 8 n^2 bytes, and 2 n^2 flops a column.
     void timesx(matrix_view<const double> in, matrix_view<double> out, std::span<double> work,
                 logger& log) override;
     [[nodiscard]] bool takes_omega() const override { return false; }
