@@ -44,7 +44,7 @@ struct external_matrix {
     [[nodiscard]] std::int64_t bytes() const;
 };
 
-/// A symmetric matrix on some levels of an effect: `!gima22i`, `!qptransfo`. Levels ascend.
+/// A symmetric matrix on some levels of an effect: `!gima22i`, `!qptransfo`. Levels ascend after a text.
 struct gima22i_type {
     matrix_levels levels;
     external_matrix elements;
@@ -101,7 +101,7 @@ void readgima22i(const param_type& param, std::int32_t e, const std::string& fil
                  logger& log);
 /// Of the same form, or ".stream":
 ///   int32    maximal level, number of levels
-///   int32    levels, ascending
+///   int32    levels
 ///   float64  lower triangle by rows
 void readqptransfo(const param_type& param, std::int32_t e, const std::string& file, gima22i_type& matrix,
                    logger& log);

@@ -65,9 +65,8 @@ TEST_F(DamagedStream, SizesAndLevelsThatDoNotFitAreRefusedBeforeAnyAllocation) {
                 std::string bytes = c.bytes;
                 std::memcpy(bytes.data() + 4 * k, &value, 4);
                 const std::string message = told(c, bytes);
-                // Any level from 1 to 12 that the others are not may stand in a list, but for the maximum;
-                // the second one of a symmetric matrix cannot be 1.
-                if (k >= c.nheader && value == 1 && !(c.name == "QP transfo" && k == 3))
+                // Any level from 1 to 12 that the others are not may stand in a list, but for the maximum.
+                if (k >= c.nheader && value == 1)
                     EXPECT_EQ(message, "no fatal_error");
                 else
                     EXPECT_THAT(message, HasSubstr("is not a stream file for " + c.name + "! | "))
@@ -92,16 +91,24 @@ TEST_F(DamagedStream, SizesAndLevelsThatDoNotFitAreRefusedBeforeAnyAllocation) {
               "The file x.stream is not a stream file for APY! | It tells of 5 core levels among 4");
 }
 
-TEST_F(DamagedStream, LevelsOfASymmetricMatrixAscend) {
+TEST_F(ExternalMatrix, LevelsOfASymmetricStreamStandInAnyOrder) {
     std::string bytes;
     append<std::int32_t>(bytes, {9, 3, 4, 9, 2});
     append(bytes, {1.0, 2.0, 3.0, 4.0, 5.0, 6.0});
     directory_.write("x.stream", bytes);
 
-    EXPECT_EQ(
-        refusal([&] { readqptransfo(param_, 1, "x.stream", qp_, log()); }),
-        "The file x.stream is not a stream file for QP transfo! | Level 3: 2 stands behind 9, but levels "
-        "ascend");
+    gima22i_type matrix;
+    readqptransfo(param_, 1, "x.stream", matrix, log());
+    EXPECT_EQ(matrix.levels.level, (std::vector<std::int32_t>{4, 9, 2}));
+    EXPECT_EQ(matrix.elements.value(1, 0), 2.0);  // 9 with 4
+    EXPECT_EQ(matrix.elements.value(2, 1), 5.0);  // 2 with 9
+    write_symmetric(matrix, "x_tri", log());
+    readgima22i(param_, 1, "x_tri", matrix, log());
+    EXPECT_EQ(matrix.levels.level, (std::vector<std::int32_t>{2, 4, 9}));
+    EXPECT_EQ(matrix.elements.value(1, 0), 4.0);  // 4 with 2
+    EXPECT_EQ(matrix.elements.value(2, 0), 5.0);
+    EXPECT_EQ(matrix.elements.value(2, 1), 2.0);
+    EXPECT_EQ(matrix.elements.value(2, 2), 3.0);
 }
 
 TEST_F(DamagedStream, ValuesAreFinite) {

@@ -46,14 +46,16 @@ void write_symmetric_text(const gima22i_type& matrix, const std::string& file, s
                           logger& log) {
     external_writer to(file, procedure, log);
     const auto& level = matrix.levels.level;
+    const auto lower = [&](std::int64_t i, std::int64_t j, double value) {
+        to.element(std::max(level[i], level[j]), std::min(level[i], level[j]), value);
+    };
     if (matrix.elements.is_sparse()) {
         const crs_view<std::int32_t> m = matrix.elements.sparse.view();
         for (std::int32_t i = 0; i < m.dim1; ++i)
-            for (std::int32_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k)
-                to.element(level[m.ja[k] - 1], level[i], m.a[k]);
+            for (std::int32_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k) lower(m.ja[k] - 1, i, m.a[k]);
     } else {
         for (std::int64_t i = 0; i < matrix.levels.size(); ++i)
-            for (std::int64_t j = 0; j <= i; ++j) to.element(level[i], level[j], matrix.elements.dense(j, i));
+            for (std::int64_t j = 0; j <= i; ++j) lower(i, j, matrix.elements.dense(j, i));
     }
     to.commit();
 }

@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <array>
-#include <functional>
 
 #include "modbasic.hpp"
 #include "modstructure_external_detail.hpp"
@@ -40,10 +38,6 @@ void read_symmetric_stream(const external_file& file, std::int32_t declared, gim
     if (n < 1) file.stop_at_kind("stream", inttochar(n) + " is no size of a matrix");
     stream.expect(n, std::int64_t{n} * (std::int64_t{n} + 1) / 2);
     matrix.levels = stream.read_levels(n, maximum, declared);
-    const auto& level = matrix.levels.level;
-    if (const auto at = std::ranges::adjacent_find(level, std::ranges::greater{}); at != level.end())
-        file.stop_at_kind("stream", "Level " + inttochar(at - level.begin() + 2) + ": " + inttochar(at[1]) +
-                                        " stands behind " + inttochar(at[0]) + ", but levels ascend");
     file.announce(std::int64_t{n} * n * static_cast<std::int64_t>(sizeof(double)));
     matrix.elements = {};
     matrix.elements.dense = stream.read_triangle(n);

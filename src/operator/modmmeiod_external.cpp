@@ -272,6 +272,7 @@ void addrandompart_external_timesx(const effect_group& group, external_term& ter
                                    std::span<const double> x, std::span<double> r, logger& log) {
     const std::int64_t order = group.order(), n = term.size();
     const std::span<const std::int32_t> levels = term.levels();
+    if (n == 0) return;
     const matrix_view<double> in = take(work, n, order), out = take(work, n, order);
     gather(group, levels, x, in);
     term.timesx(in, out, work, log);

@@ -136,7 +136,9 @@ void mme_iod::setup_random_effects() {
 void mme_iod::check_external_terms() const {
     for (const auto& [effect, term] : state_.external->terms) {
         const auto group = std::ranges::find(state_.groups, effect, &effect_group::effect);
-        if (group == state_.groups.end() || *std::ranges::max_element(term->levels()) > group->nlevel)
+        const auto levels = term->levels();
+        if (group == state_.groups.end() ||
+            std::ranges::any_of(levels, [&](std::int32_t level) { return level > group->nlevel; }))
             fatal(log_, "Internal error: an external matrix has no place in effect " + inttochar(effect),
                   "modmmeiod", "setup_lhsrhs_iod");
     }

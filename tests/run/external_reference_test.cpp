@@ -147,6 +147,20 @@ TEST(ExternalReference, LeftHandSidesInMemory) {
     EXPECT_GT(seen.across, 60);
 }
 
+TEST(ExternalReference, AMatrixOfNoRowsAddsNothing) {
+    effect_group group;
+    group.effect = 1;
+    group.nlevel = 2;
+    group.equation = {0};
+    group.stride = {1};
+    group.ginv = matrix<double>(1, 1, 2.0);
+    modmmeiod::gima22i_term term(gima22i_type{});
+    std::vector<double> x{1.0, 2.0}, r{3.0, 4.0}, work(16);
+    logger log;
+    modmmeiod::addrandompart_external_timesx(group, term, work, x, r, log);
+    EXPECT_EQ(r, (std::vector<double>{3.0, 4.0}));
+}
+
 // ---- preconditioner
 
 /// The elements that a structure of one level at most holds: what options add to the diagonal of K, that of
