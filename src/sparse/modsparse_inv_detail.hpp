@@ -13,8 +13,8 @@
 /// What the sources of `modsparse_inv` share.
 namespace zendar::modsparse_inv {
 
-/// Columns of a tile of a big supernode, and of a step of the selected inverse.
-inline constexpr std::int32_t tile_columns = 128, tile_rows = 512, gather_columns = 64;
+/// Columns and rows of a tile of a big supernode.
+inline constexpr std::int32_t tile_columns = 128, tile_rows = 512;
 
 /// Runs f on one thread. BLAS then starts no threads of its own: it looks for a region of more than one.
 template <class F>

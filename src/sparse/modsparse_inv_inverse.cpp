@@ -41,7 +41,7 @@ struct piece {
 /// Columns of a step and of a gathered part of Z(C, C), and the work space that they need, in doubles. They
 /// follow from the matrix alone, so that the arithmetic is the same for any number of threads.
 struct step_sizes {
-    std::int32_t tile = tile_columns, gather = gather_columns;
+    std::int32_t tile = 0, gather = 0;
     std::int64_t y = 0, shared_y = 0, gathered = 0, place = 0;
 
     static bool is_shared(std::int64_t below, std::int32_t nc) {
@@ -67,17 +67,22 @@ void step_sizes::measure(const supernodal_structure& s) {
         }
 }
 
-/// The widest steps whose work space is a small part of the factor.
+/// The widest steps whose work space is a small part of the factor: Z(C, C) is gathered once for each. The
+/// widest ones only where they do not cost threads.
 step_sizes choose_sizes(const supernodal_structure& s) {
-    static constexpr std::pair<std::int32_t, std::int32_t> widths[] = {
-        {tile_columns, gather_columns}, {tile_columns, 32}, {64, 32}, {32, 16}, {16, 8}};
+    struct width {
+        std::int32_t tile, gather;
+        double threads;
+    };
+    static constexpr width widths[] = {{512, 256, 4.0}, {256, 128, 4.0}, {128, 64, 1.0}, {128, 32, 1.0},
+                                       {64, 32, 1.0},   {32, 16, 1.0},   {16, 8, 1.0}};
     const double most = workspace_share * static_cast<double>(s.xlnz[s.nsuper()]);
     step_sizes sizes;
-    for (const auto& [tile, gather] : widths) {
+    for (const auto& [tile, gather, threads] : widths) {
         sizes.tile = tile;
         sizes.gather = gather;
         sizes.measure(s);
-        if (sizes.each() + static_cast<double>(sizes.shared_y) <= most) break;
+        if (threads * sizes.each() + static_cast<double>(sizes.shared_y) <= most) break;
     }
     return sizes;
 }
