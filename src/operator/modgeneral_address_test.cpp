@@ -31,6 +31,12 @@ void* operator new(std::size_t bytes) {
 void* operator new[](std::size_t bytes) {
     return counted(bytes);
 }
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+    return std::malloc(bytes == 0 ? 1 : bytes);
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+    return std::malloc(bytes == 0 ? 1 : bytes);
+}
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
