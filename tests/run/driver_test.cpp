@@ -162,20 +162,6 @@ TEST(Driver, RelUndefIsTheSameAsNoRel) {
                 HasSubstr("ERROR: PEV (PEC) for this type of solver 120 is not implemented"));
 }
 
-TEST(Driver, RefusesOptionsWhoseMatricesHaveNoPlaceYet) {
-    for (const char* option : {"!gima22i file 1 2", "!gapy file 1 2", "!qptransfo file 1 2"}) {
-        const temporary_directory run;
-        model_files().write(run);
-        run.write("model.par_options", std::string(option) + "\n");
-        const auto result = run_program(run.path(), {"model.par"});
-        const std::string name = std::string(option).substr(0, std::string(option).find(' '));
-        EXPECT_EQ(result.status, 1) << option;
-        EXPECT_THAT(unwrapped(result.out),
-                    HasSubstr("ERROR: The option " + name + " is not implemented yet"));
-        EXPECT_FALSE(run.exists("OK_ZENDAR"));
-    }
-}
-
 TEST(Driver, NcpusBelowOneSaysNothing) {
     const temporary_directory run;
 
