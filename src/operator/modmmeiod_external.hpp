@@ -220,9 +220,8 @@ class across_term {
     /// visit(equation1, equation2, value) for all its elements that are not zero, equations from 0.
     template <class Visit>
     void for_each_element(const Visit& visit) const {
-        const auto levels_of = [](const matrix_levels& l) { return l.size(); };
-        for (std::int64_t j = 0; j < levels_of(block_.columns); ++j)
-            for (std::int64_t i = 0; i < levels_of(block_.rows); ++i)
+        for (std::int64_t j = 0; j < block_.columns.size(); ++j)
+            for (std::int64_t i = 0; i < block_.rows.size(); ++i)
                 if (const double value = block_.elements.value(i, j); value != 0.0)
                     for (std::size_t c = 0; c < offset1_.size(); ++c)
                         visit(equation(offset1_, stride1_, block_.rows, i, c),
