@@ -264,8 +264,7 @@ TEST(Gblup, HasTheBreedingValuesOfDenseEquationsByEveryOption) {
 }
 
 TEST(Gblup, BlocksAcrossEffectsGoBothWays) {
-    // The animal effect twice, its relationships as external matrices: a block of -A^-1 / 0.5 / 2 between
-    // them.
+    // Beside the animals a diagonal effect of the same levels, with a block between them.
     const std::string block = "1 1 0.3\n2 2 0.3\n3 6 -0.2\n6 4 0.1\n";
     const auto files = [&](const std::string& solver) {
         snp_files own = gblup_files("!acrosseff b_tri 2 2 3\n" + solver, {{"b_tri", block}});
