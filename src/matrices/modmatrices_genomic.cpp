@@ -7,6 +7,7 @@
 
 #include "modbasic.hpp"
 #include "modblas.hpp"
+#include "modmatrices_count.hpp"
 #include "modstats.hpp"
 
 namespace zendar::matrices {
@@ -30,8 +31,10 @@ void expand_genotypes(const covariable_type& genotypes, std::span<const std::int
     }
 }
 
-void add_genomic_products(const covariable_type& genotypes, std::span<const std::int32_t> rows, double factor,
-                          matrix_view<double> g, logger& log) {
+namespace {
+
+void add_dense_products(const covariable_type& genotypes, std::span<const std::int32_t> rows, double factor,
+                        matrix_view<double> g, logger& log) {
     const std::int64_t m = genotypes.data->plink.ncol, n = g.rows;
     matrix<double> block(n, std::min(snp_block, m));
     progress_line progress(log);
@@ -41,6 +44,22 @@ void add_genomic_products(const covariable_type& genotypes, std::span<const std:
         blas_dsyrk(factor, w, 1.0, g);
         progress.progressloop(first + w.cols, m);
     }
+}
+
+}  // namespace
+
+void add_genomic_products(const covariable_type& genotypes, std::span<const std::int32_t> rows, double factor,
+                          matrix_view<double> g, logger& log) {
+    const plink_genotypes& plink = genotypes.data->plink;
+    std::int64_t missing = 0;
+    const std::vector<plink_counts> counts = count_genotypes(plink);
+    for (const plink_counts& own : counts) missing += own.missing;
+    const double share = static_cast<double>(missing) /
+                         std::max(1.0, static_cast<double>(plink.nrow) * static_cast<double>(plink.ncol));
+    if (counting::is_supported() && share <= counting::most_missing)
+        counting::add_products(genotypes, rows, counts, factor, g, log);
+    else
+        add_dense_products(genotypes, rows, factor, g, log);
 }
 
 void mirror_lower(matrix_view<double> a) {

@@ -18,11 +18,12 @@ inline constexpr std::int64_t snp_block = 512;
 void expand_genotypes(const covariable_type& genotypes, std::span<const std::int32_t> rows,
                       std::int64_t first, matrix_view<double> columns);
 
-/// g += factor W W', lower triangle, W the centred genotypes of `rows`.
+/// g += factor W W', lower triangle, W the centred genotypes of `rows`; the upper triangle is work space.
 ///
-/// n^2 m flops for n animals and m SNPs, all of them in DSYRK. A block of b SNPs takes n^2 b flops and moves
-/// 8 n^2 bytes of g, 16 n b of the expanded block and n b / 4 of the packed one: with b = 512 and n = 10,000
-/// one byte for 59 flops.
+/// n^2 m / 2 products of genotypes for n animals and m SNPs. They are counted where the processor can and few
+/// genotypes are missing (see modmatrices_count.hpp). Elsewhere DSYRK takes two flops for each; a block of b
+/// SNPs then moves 8 n^2 bytes of g, 16 n b of the expanded block and n b / 4 of the packed one: with b = 512
+/// and n = 10,000 one byte for 59 flops.
 void add_genomic_products(const covariable_type& genotypes, std::span<const std::int32_t> rows, double factor,
                           matrix_view<double> g, logger& log);
 

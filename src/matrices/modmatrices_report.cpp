@@ -2,6 +2,7 @@
 
 #include "modbasic.hpp"
 #include "modmatrices.hpp"
+#include "modmatrices_count.hpp"
 #include "modmatrices_genomic.hpp"
 
 namespace zendar::matrices {
@@ -10,8 +11,11 @@ std::int64_t peak_bytes(const matrix_options& options, const matrix_sizes& sizes
     const std::int64_t n = sizes.nanimal, m = sizes.nsnp, c = sizes.ncore;
     const std::int64_t block = n * std::min(snp_block, m);
     const std::int64_t apy = options.apy.empty() ? 0 : c * n;
+    // Counted, a block takes no more than the expanded one; the list behind it may.
+    const auto missing = static_cast<std::int64_t>(counting::most_missing * static_cast<double>(n * m));
+    const std::int64_t listed = std::min(counting::most_listed, missing) / 2;
     std::int64_t most = 0;
-    if (options.wants_g()) most = n * n + std::max(block, apy);
+    if (options.wants_g()) most = n * n + std::max({block, apy, listed});
     if (!options.a22.empty() || !options.a22i.empty()) most = std::max(most, n * n);
     if (!options.a22i.empty() && !options.gima22i.empty()) most = std::max(most, 2 * n * n);
     if (apy > 0 && !options.wants_g()) most = std::max(most, apy + block);
