@@ -54,7 +54,8 @@ solver_result iterate_inmem(const inmem_method& method, linear_system& system,
               .m = preconditioner,
               .direction = method.direction,
               .deflation = method.deflation,
-              .ends_at_rounding = true},
+              .ends_at_rounding = true,
+              .restart = &system},
              v, s, report);
     if (method.deflation != nullptr) {
         system.r_equal_savedb_minus_atimesx(v.x, v.r);

@@ -129,6 +129,10 @@ struct pcg_problem {
     /// of the update before, or where tau or p'w is null: what would follow has no direction. `rr` and
     /// `rr_old` of the state are set by the caller.
     bool ends_at_rounding = false;
+    /// When it is there, the iteration starts anew from b - C x where the residual was near rounding and grows
+    /// again. Of dependent equations the direction is then one that C does not see, and what follows would
+    /// undo the solution.
+    linear_system* restart = nullptr;
 };
 
 /// Iterations from s.i on; s.i ends one past the last. Prints nothing and allocates nothing.
