@@ -71,11 +71,20 @@ template <int V>
     }
 }
 
+/// The field of `Bits` bits from `First` on, times 2^Scale: where its entry is, in bytes. A rotation into
+/// another register and a mask; shifts would need a copy besides.
+template <int First, int Bits, int Scale>
+[[gnu::always_inline]] inline std::uint64_t place_of_field(std::uint64_t word) {
+    return std::rotr(word, First - Scale) & (((std::uint64_t{1} << Bits) - 1) << Scale);
+}
+
 template <int V, int Field>
 [[gnu::always_inline]] inline const typename lanes<V>::type* entry(std::uint64_t word, const double* tables) {
     constexpr int bits = bits_of_field(V);
-    const std::uint64_t value = (word >> (bits * Field)) & ((std::uint64_t{1} << bits) - 1);
-    return reinterpret_cast<const typename lanes<V>::type*>(tables + ((Field << bits) + value) * V);
+    constexpr auto size = static_cast<int>(V * sizeof(double));
+    const std::uint64_t at = place_of_field<bits * Field, bits, std::countr_zero(unsigned{size})>(word);
+    return reinterpret_cast<const typename lanes<V>::type*>(reinterpret_cast<const char*>(tables) +
+                                                            (Field << bits) * size + at);
 }
 
 template <int V>
@@ -145,9 +154,10 @@ struct byte_table {
 constexpr byte_table<false> present_values;
 constexpr byte_table<true> missing_values;
 
-[[gnu::always_inline]] inline const lanes<4>::type* byte_entry(const double (*table)[4], std::uint64_t word,
-                                                               int byte) {
-    return reinterpret_cast<const lanes<4>::type*>(table[(word >> (8 * byte)) & 255]);
+template <int Byte>
+[[gnu::always_inline]] inline const lanes<4>::type* byte_entry(const double (*table)[4], std::uint64_t word) {
+    return reinterpret_cast<const lanes<4>::type*>(reinterpret_cast<const char*>(table) +
+                                                   place_of_field<8 * Byte, 8, 5>(word));
 }
 
 [[gnu::always_inline]] inline void add_missing_of_word(std::uint64_t word, std::uint64_t missing,
@@ -159,8 +169,8 @@ constexpr byte_table<true> missing_values;
         return;
     }
     lanes<4>::type part = {0.0, 0.0, 0.0, 0.0};
-    for (int byte = 0; byte < 8; ++byte)
-        part += *byte_entry(missing_values.value, word, byte) *
+    for (int byte = 0; byte < 8; ++byte, word >>= 8)
+        part += *byte_entry<0>(missing_values.value, word) *
                 *reinterpret_cast<const lanes<4>::type*>(b + 4 * byte);
     sum += (part[0] + part[1]) + (part[2] + part[3]);
 }
@@ -168,14 +178,14 @@ constexpr byte_table<true> missing_values;
 /// Eight bytes of one SNP: an even and an odd sum, so that an addition need not wait for the one before.
 [[gnu::always_inline]] inline void dot_word(std::uint64_t word, const lanes<4>::type* b, lanes<4>::type& even,
                                             lanes<4>::type& odd) {
-    even += *byte_entry(present_values.value, word, 0) * b[0];
-    odd += *byte_entry(present_values.value, word, 1) * b[1];
-    even += *byte_entry(present_values.value, word, 2) * b[2];
-    odd += *byte_entry(present_values.value, word, 3) * b[3];
-    even += *byte_entry(present_values.value, word, 4) * b[4];
-    odd += *byte_entry(present_values.value, word, 5) * b[5];
-    even += *byte_entry(present_values.value, word, 6) * b[6];
-    odd += *byte_entry(present_values.value, word, 7) * b[7];
+    even += *byte_entry<0>(present_values.value, word) * b[0];
+    odd += *byte_entry<1>(present_values.value, word) * b[1];
+    even += *byte_entry<2>(present_values.value, word) * b[2];
+    odd += *byte_entry<3>(present_values.value, word) * b[3];
+    even += *byte_entry<4>(present_values.value, word) * b[4];
+    odd += *byte_entry<5>(present_values.value, word) * b[5];
+    even += *byte_entry<6>(present_values.value, word) * b[6];
+    odd += *byte_entry<7>(present_values.value, word) * b[7];
 }
 
 [[gnu::always_inline]] inline void dot_columns(const std::uint8_t* const* columns, std::int64_t words,
