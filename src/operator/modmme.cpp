@@ -27,19 +27,19 @@ std::int64_t available_memory(const char* meminfo) {
 }
 
 void element_store::flush() {
-    if (store_.may_grow(std::ssize(rows_))) {
+    if (store_->may_grow(std::ssize(rows_))) {
         // The old table stays until its elements are in the new one, of twice its size.
-        const std::int64_t needed = 2 * store_.nel() * static_cast<std::int64_t>(sizeof(coo_slot));
+        const std::int64_t needed = 2 * store_->nel() * static_cast<std::int64_t>(sizeof(coo_slot));
         const std::int64_t available = available_ > 0 ? available_ : available_memory();
         if (needed > available)
             fatal(log_,
-                  "The left-hand side has more than " + inttochar(store_.filled()) +
+                  "The left-hand side has more than " + inttochar(store_->filled()) +
                       " elements, and the next table for them needs " + realtochar(mib(needed), "(f0.2)") +
                       " MB of memory, but " + realtochar(mib(available), "(f0.2)") +
                       " MB are available: use a solver that iterates on the data",
                   module_tag, "setup_lhsrhs");
     }
-    store_.add(rows_, cols_, values_);
+    store_->add(rows_, cols_, values_);
     rows_.clear();
     cols_.clear();
     values_.clear();
@@ -74,6 +74,18 @@ Matrix finished(Matrix lhs, logger& log) {
     return lhs;
 }
 
+/// Slots of the first table: as many as it will need, where there is memory for them.
+std::int64_t first_slots(const param_type& param, mme_iod& on_data, std::span<const covariable_type> cov,
+                         const lhs_limits& limits) {
+    constexpr double most_filled = 0.8, margin = 1.03;  // of a table that does not grow; of the estimate
+    const std::int64_t expected = expected_elements(param, on_data, cov);
+    const auto slots = static_cast<std::int64_t>(margin / most_filled * static_cast<double>(expected)) + 1;
+    const std::int64_t available = limits.bytes > 0 ? limits.bytes : available_memory();
+    // Without memory for it the table starts small, and where it ends is told.
+    const bool fits = roundinguppower2(slots) * static_cast<std::int64_t>(sizeof(coo_slot)) <= available;
+    return fits ? slots : 4 * std::int64_t{param.neq};
+}
+
 /// Columns between the equations and the rows of genotypes.
 std::int32_t genotype_rows(const mme_iod& on_data, std::int64_t ntrait) {
     std::int64_t n = 0;
@@ -103,7 +115,7 @@ lhs_inmem setup_lhsrhs(const mme_input& in, const lhs_limits& limits, logger& lo
         log.message(text);
     }
 
-    coosparse hash(param.neq, {}, 4 * std::int64_t{param.neq}, true, &log);
+    coosparse hash(param.neq, {}, first_slots(param, on_data, in.cov, limits), true, &log);
     hash.setsymmetric();
     element_store store(hash, limits.bytes, log);
     const assembly a{param, on_data, in.cov, store, log};

@@ -43,8 +43,8 @@ struct mme_input {
 /// compressed rows. C and b are those of the iteration on data, but for elements below the machine epsilon,
 /// which are not stored.
 ///
-/// Beside the result it takes 16 bytes a slot of the table, three times as much while this grows, and, with
-/// huge effects, the elements between records and rows of genotypes.
+/// Beside the result it takes 16 bytes a slot of the table, which is made for the elements that a first pass
+/// over the same sources counts, and, with huge effects, the elements between records and rows of genotypes.
 /// @throws fatal_error  when omega or tau is not 1, for random types without place in memory, when the table
 ///                      would need more memory than there is (before it asks for it), and as the set-up of
 ///                      the iteration on data.

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <numeric>
 
 #include "modbasic.hpp"
@@ -113,6 +114,31 @@ void addhugepart(const assembly& a, const crssparse& cross) {
     }
     add_among_huge(a);
     clock.end(a.log, "Addition of the huge effects");
+}
+
+std::int64_t count_hugepart(const assembly& a, std::vector<bool>& beside_huge) {
+    for (const auto& block : a.on_data.state().single_step) {
+        const effect_group& animals = block->animals();
+        for (const std::int32_t level : block->coupled_animals())
+            for (std::int64_t i = 0; i < animals.order(); ++i)
+                beside_huge[static_cast<std::size_t>(animals.at(i, level - 1))] = true;
+        addrandompart_a22(animals, block->a22i(), block->animal_weight(), a);
+    }
+    const std::int64_t n = a.param.neq - a.on_data.first_structured();
+    return n * (n + 1) / 2 + n * std::ranges::count(beside_huge, true);
+}
+
+std::int64_t expected_elements(const param_type& param, mme_iod& on_data,
+                               std::span<const covariable_type> cov) {
+    logger silent;
+    distinct_count seen;
+    element_store store(seen, silent);
+    const assembly a{param, on_data, cov, store, silent};
+    std::vector<bool> beside_huge(static_cast<std::size_t>(param.neq));
+    count_leastsquarepart(a, beside_huge);
+    addrandompart(a);
+    const std::int64_t with_huge = param.nhuge > 0 ? count_hugepart(a, beside_huge) : 0;
+    return with_huge + static_cast<std::int64_t>(seen.estimate());
 }
 
 }  // namespace zendar::modmme

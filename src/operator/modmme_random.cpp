@@ -140,6 +140,12 @@ void addrandompart_a22(const effect_group& group, a22_inverse& a22i, double weig
     const wtime clock;
     const std::int64_t n = a22i.size();
     const std::span<const std::int32_t> levels = a22i.levels();
+    if (a.store.counts()) {
+        for (std::int64_t l = 0; l < n; ++l)
+            for (std::int64_t k = 0; k <= l; ++k)
+                addrandompart_elem(group, levels[k] - 1, levels[l] - 1, 1.0, a.store);
+        return;
+    }
     matrix<double> in(n, columns), out(n, columns);
     std::vector<double> work(static_cast<std::size_t>(a22i.work_size(columns)));
     for (std::int64_t first = 0; first < n; first += columns) {

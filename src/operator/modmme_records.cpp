@@ -31,17 +31,14 @@ void expand_record(const modmmeiod::record_input& in, std::int64_t rec, std::vec
     }
 }
 
-// A record of n elements costs n (n + 1) / 2 additions to a table that is reached at random: 16 bytes each,
-// and as many cache misses, of which a core awaits about 24 at a time.
-void addleastsquarepart(const assembly& a, coosparse& cross) {
-    constexpr std::int64_t report = 1000000;
-    const modmmeiod::record_input in = a.on_data.records();
-    const std::int64_t nrec = in.effect.cols, nt = in.ntrait;
-    std::vector<std::int64_t> before(a.on_data.state().huge.size() + 1, 0);  // [result]: columns of `cross`
-    for (const modmmeiod::record_term& term : in.terms)
-        if (term.huge && term.result + 1 < before.size())
-            before[term.result + 1] = before[term.result] + term.last;
+namespace {
 
+/// Calls `among(own, other, r)` with each pair of equations of a record, and `with_huge` with each pair of an
+/// equation and a row of genotypes; r is the element of the inverse residual matrix between their traits.
+template <class Among, class WithHuge, class Done>
+void for_each_product(const modmmeiod::record_input& in, const Among& among, const WithHuge& with_huge,
+                      const Done& done) {
+    const std::int64_t nrec = in.effect.cols, nt = in.ntrait;
     std::vector<record_element> elements;
     std::vector<double> ri(static_cast<std::size_t>(nt * nt));
     for (std::int64_t rec = 0; rec < nrec; ++rec) {
@@ -50,17 +47,53 @@ void addleastsquarepart(const assembly& a, coosparse& cross) {
             if (own.result > 0) continue;
             const double* const row = ri.data() + own.trait * nt;
             for (const record_element& other : elements) {
-                const double value = own.x * row[other.trait] * other.x;
                 if (other.result > 0)
-                    cross.add(static_cast<std::int32_t>(own.equation + 1),
-                              narrow<std::int32_t>(before[other.result] + other.equation + 1), value);
+                    with_huge(own, other, row[other.trait]);
                 else if (own.equation <= other.equation)
-                    a.store.add(own.equation, other.equation, value);
+                    among(own, other, row[other.trait]);
             }
         }
-        if ((rec + 1) % report == 0 || rec + 1 == nrec)
-            a.log.message("Number of treated records: " + inttochar(rec + 1));
+        done(rec + 1);
     }
+}
+
+}  // namespace
+
+// A record of n elements costs n (n + 1) / 2 additions to a table that is reached at random: 16 bytes each,
+// and as many cache misses, of which a core awaits about 24 at a time.
+void addleastsquarepart(const assembly& a, coosparse& cross) {
+    constexpr std::int64_t report = 1000000;
+    const modmmeiod::record_input in = a.on_data.records();
+    const std::int64_t nrec = in.effect.cols;
+    std::vector<std::int64_t> before(a.on_data.state().huge.size() + 1, 0);  // [result]: columns of `cross`
+    for (const modmmeiod::record_term& term : in.terms)
+        if (term.huge && term.result + 1 < before.size())
+            before[term.result + 1] = before[term.result] + term.last;
+    for_each_product(
+        in,
+        [&](const record_element& own, const record_element& other, double r) {
+            a.store.add(own.equation, other.equation, own.x * r * other.x);
+        },
+        [&](const record_element& own, const record_element& other, double r) {
+            cross.add(static_cast<std::int32_t>(own.equation + 1),
+                      narrow<std::int32_t>(before[other.result] + other.equation + 1), own.x * r * other.x);
+        },
+        [&](std::int64_t treated) {
+            if (treated % report == 0 || treated == nrec)
+                a.log.message("Number of treated records: " + inttochar(treated));
+        });
+}
+
+void count_leastsquarepart(const assembly& a, std::vector<bool>& beside_huge) {
+    for_each_product(
+        a.on_data.records(),
+        [&](const record_element& own, const record_element& other, double) {
+            a.store.add(own.equation, other.equation, 1.0);
+        },
+        [&](const record_element& own, const record_element&, double) {
+            beside_huge[static_cast<std::size_t>(own.equation)] = true;
+        },
+        [](std::int64_t) {});
 }
 
 }  // namespace zendar::modmme

@@ -13,6 +13,7 @@ namespace zendar::test {
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 model_choice small_choice(std::int32_t huge = -1) {
     model_choice choice;
@@ -68,6 +69,24 @@ TEST(SetupLhsrhs, NeedsTheCovariancesOfHugeEffects) {
     EXPECT_EQ(model.refusal(), "size(ghuge) is equal to 0");
     model.run.ghuge.clear();
     EXPECT_EQ(model.refusal(), "ghuge is not allocated");
+}
+
+/// No growing: the first table holds all elements, and is not twice as large as one that would.
+TEST(SetupLhsrhs, TheFirstTableIsTheLastOne) {
+    for (const std::int32_t huge : {-1, 20, 22, 30})
+        for (std::uint64_t seed = 1; seed <= 8; ++seed) {
+            assembled_model model(huge, seed);
+            const lhs_inmem lhs = model.setup();
+            EXPECT_THAT(model.screen.str(), Not(HasSubstr("New size COO"))) << huge << ' ' << seed;
+            mme_iod on_data(model.run.param, model.run.data, model.run.cov, model.run.log, model.run.ped,
+                            model.run.ghuge);
+            on_data.setup_for_lhs();
+            const auto expected =
+                static_cast<double>(modmme::expected_elements(model.run.param, on_data, model.run.cov));
+            const auto stored = static_cast<double>(lhs.lhsija.totalnumberofelements());
+            EXPECT_GT(expected, 0.97 * stored) << huge << ' ' << seed;
+            EXPECT_LT(expected, 1.6 * stored + 50.0) << huge << ' ' << seed;
+        }
 }
 
 TEST(SetupLhsrhs, RefusesTablesBeyondTheMemory) {
