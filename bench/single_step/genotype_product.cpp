@@ -52,18 +52,36 @@ std::vector<std::string> read_names(const std::string& file) {
     return names;
 }
 
-plink_genotypes read_bed(const std::string& file, std::int64_t individuals, std::int64_t snps) {
-    plink_genotypes genotypes(narrow<std::int32_t>(individuals), narrow<std::int32_t>(snps));
-    std::ifstream input(file, std::ios::binary);
-    char magic[3] = {};
-    input.read(magic, sizeof magic);
-    if (!input || std::memcmp(magic, "\x6c\x1b\x01", sizeof magic) != 0)
-        stop(file + " is not a SNP-major file of PLINK");
-    input.read(reinterpret_cast<char*>(genotypes.ival.data()),
-               genotypes.nbytes * static_cast<std::int64_t>(genotypes.ncol));
-    if (!input) stop(file + " is too short");
-    return genotypes;
-}
+/// The SNPs of a .bed file, block by block into the same memory: fresh pages cost more than the file's bytes.
+class bed_file {
+  public:
+    bed_file(const std::string& name, std::int64_t individuals, std::int64_t snps, std::int64_t block)
+        : name_(name),
+          input_(name, std::ios::binary),
+          left_(snps),
+          genotypes_(narrow<std::int32_t>(individuals), narrow<std::int32_t>(std::min(block, snps))) {
+        char magic[3] = {};
+        input_.read(magic, sizeof magic);
+        if (!input_ || std::memcmp(magic, "\x6c\x1b\x01", sizeof magic) != 0)
+            stop(name + " is not a SNP-major file of PLINK");
+    }
+    /// The next block; null behind the last SNP.
+    const plink_genotypes* next() {
+        if (left_ == 0) return nullptr;
+        genotypes_.ncol = static_cast<std::int32_t>(std::min<std::int64_t>(genotypes_.ncol, left_));
+        left_ -= genotypes_.ncol;
+        input_.read(reinterpret_cast<char*>(genotypes_.ival.data()),
+                    genotypes_.nbytes * static_cast<std::int64_t>(genotypes_.ncol));
+        if (!input_) stop(name_ + " is too short");
+        return &genotypes_;
+    }
+
+  private:
+    std::string name_;
+    std::ifstream input_;
+    std::int64_t left_;
+    plink_genotypes genotypes_;
+};
 
 matrix<double> read_weights(const std::string& file, std::int64_t rows, std::int64_t columns) {
     text_reader input = open(file);
@@ -106,18 +124,34 @@ void write_result(const std::string& file, const std::vector<std::string>& names
     if (const auto failure = output.commit()) stop(file + ": " + failure->iomsg);
 }
 
-void multiply(const plink_genotypes& genotypes, char trans, bool compressed, const matrix<double>& weights,
-              matrix<double>& result, logger& log) {
+std::vector<double> frequencies_of(const plink_genotypes& genotypes) {
     std::vector<double> frequencies;
     for (const plink_counts& n : count_genotypes(genotypes)) {
         const double seen = 2.0 * (genotypes.nrow - n.missing);
         frequencies.push_back(seen > 0.0 ? (n.het + 2.0 * n.hom2) / seen : 0.0);
     }
-    if (!compressed) {
-        dgemm_compressed(trans, 'n', result.rows(), result.cols(), weights.rows(), 1.0, genotypes,
-                         frequencies, weights.data(), weights.rows(), 0.0, result.data(), result.rows(), log);
-        return;
+    return frequencies;
+}
+
+void multiply_plain(bed_file& file, char trans, const matrix<double>& weights, matrix<double>& result,
+                    logger& log) {
+    const bool transposed = trans == 't';
+    std::int64_t first = 0;
+    while (const plink_genotypes* const genotypes = file.next()) {
+        const std::vector<double> frequencies = frequencies_of(*genotypes);
+        const std::int64_t snps = genotypes->ncol;
+        dgemm_compressed(trans, 'n', transposed ? snps : result.rows(), result.cols(),
+                         transposed ? weights.rows() : snps, 1.0, *genotypes, frequencies,
+                         weights.data() + (transposed ? 0 : first), weights.rows(),
+                         transposed || first == 0 ? 0.0 : 1.0, result.data() + (transposed ? first : 0),
+                         result.rows(), log);
+        first += snps;
     }
+}
+
+void multiply_compressed(bed_file& file, char trans, const matrix<double>& weights, matrix<double>& result) {
+    const plink_genotypes& genotypes = *file.next();
+    const std::vector<double> frequencies = frequencies_of(genotypes);
     miraculix::setOptions_compressed(0, 0, 0, 0, 1, 0, 0, 0, 0, 0);
     miraculix::compressed_store* store = nullptr;
     const auto columns = narrow<std::int32_t>(weights.cols());
@@ -146,14 +180,19 @@ int main(int argc, char** argv) {
         logger log;
         const std::vector<std::string> snps = read_names(words[0] + ".bim"),
                                        individuals = read_names(words[0] + ".fam");
-        const plink_genotypes genotypes =
-            read_bed(words[0] + ".bed", std::ssize(individuals), std::ssize(snps));
+        const bool compressed = words.size() == 6 && words[5] == "compressed";
+        constexpr std::int64_t block = 4096;
+        const std::int64_t nsnp = std::ssize(snps);
+        bed_file file(words[0] + ".bed", std::ssize(individuals), nsnp, compressed ? nsnp : block);
         const bool transposed = words[1] == "t";
         const auto& from = transposed ? individuals : snps;
         const auto& to = transposed ? snps : individuals;
         const matrix<double> weights = read_weights(words[2], std::ssize(from), columns);
         matrix<double> result(std::ssize(to), columns);
-        multiply(genotypes, words[1][0], words.size() == 6 && words[5] == "compressed", weights, result, log);
+        if (compressed)
+            multiply_compressed(file, words[1][0], weights, result);
+        else
+            multiply_plain(file, words[1][0], weights, result, log);
         write_result(words[3], to, result);
     } catch (const fatal_error& failure) {
         static_cast<void>(std::fprintf(stderr, "%s\n", failure.what()));
