@@ -76,7 +76,8 @@ struct part_entries {
     std::vector<record_entry> entries;
     std::int64_t size = 0;  ///< diagonals and blocks: elements of a level
     std::int64_t nlevel = 0;
-    bool uneven = false;  ///< effects that share the equations of a diagonal differ in the size of a level
+    bool uneven = false;   ///< effects that share the equations of a diagonal differ in the size of a level
+    bool classes = false;  ///< a diagonal of class effects alone: its records need no list
     std::vector<double> wide;  ///< in the place of the part's own array
 };
 
@@ -209,15 +210,49 @@ struct level_scratch {
     std::vector<level_range> ranges;
 };
 
+/// A class effect to its diagonal: 8 bytes a record, the weights, and the sum at its level.
+template <class Real>
+void add_class(const precond_input& in, const record_entry& entry, const level_range& range,
+               std::int64_t first, std::int64_t end, Real* data) {
+    const std::int64_t nt = in.param.ntrait;
+    const auto& effect = in.data.effect;
+    const double* const weight = in.param.nweight > 0 ? in.data.weight.data() : nullptr;
+    for (std::int64_t rec = first; rec < end; ++rec) {
+        const std::int32_t* const levels = effect.data() + rec * effect.rows();
+        const std::int64_t level = std::int64_t{levels[entry.row]} - 1;
+        if (level < range.first || level >= range.end) continue;
+        const double* const rinv = in.rinv.of(in.data.combitrait[rec], levels[effect.rows() - 1]);
+        Real* const to = data + level * entry.stride;
+        for (const trait_place& p : entry.traits) {
+            const double w = weight == nullptr ? 1.0 : weight[rec * nt + p.trait];
+            add_to(to[p.slot], rinv[p.trait * nt + p.trait] * (w * w));
+        }
+    }
+}
+
 void add_level_parts(const precond_input& in, std::span<part_entries> parts, std::int64_t first,
                      std::int64_t end, level_scratch& scratch) {
     const std::int64_t ntrait = in.param.ntrait;
     const auto& effect = in.data.effect;
+    bool others = false;
+    for (std::size_t k = 0; k < parts.size(); ++k) {
+        part_entries& p = parts[k];
+        others = others || !p.classes;
+        for (const record_entry& entry : p.entries) {
+            if (!p.classes) break;
+            if (p.wide.empty())
+                add_class(in, entry, scratch.ranges[k], first, end, p.part->mat.data());
+            else
+                add_class(in, entry, scratch.ranges[k], first, end, p.wide.data());
+        }
+    }
+    if (!others) return;
     for (std::int64_t rec = first; rec < end; ++rec) {
         const std::int32_t* const levels = effect.data() + rec * effect.rows();
         const double* rinv = nullptr;
         for (std::size_t k = 0; k < parts.size(); ++k) {
             part_entries& p = parts[k];
+            if (p.classes) continue;
             const level_range range = scratch.ranges[k];
             std::size_t n = 0;
             for (const record_entry& entry : p.entries) {
@@ -416,6 +451,7 @@ std::vector<part_entries> make_parts(const precond_input& in, std::span<mija> mi
         if (!diagonal && p.part->type != precond_block) continue;
         p.size = diagonal ? p.entries.front().stride : packed_size(*p.part);
         p.nlevel = diagonal ? p.part->dim1 / p.size : p.part->dim3;
+        p.classes = diagonal && std::ranges::none_of(p.entries, &record_entry::covariable);
         if (p.size * p.nlevel <= largest_wide) p.wide.resize(static_cast<std::size_t>(p.size * p.nlevel));
     }
     return parts;
