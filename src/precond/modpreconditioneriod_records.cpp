@@ -210,10 +210,11 @@ struct level_scratch {
     std::vector<level_range> ranges;
 };
 
-/// A class effect to its diagonal: 8 bytes a record, the weights, and the sum at its level.
-template <class Real>
-void add_class(const precond_input& in, const record_entry& entry, const level_range& range,
-               std::int64_t first, std::int64_t end, Real* data) {
+/// Calls `add(first equation, R^-1, weights)` for the records of a class effect whose levels are in the
+/// range: 8 bytes a record, the weights, and what is added to. Without weights they are null.
+template <class Add>
+void for_each_of_class(const precond_input& in, const record_entry& entry, const level_range& range,
+                       std::int64_t first, std::int64_t end, const Add& add) {
     const std::int64_t nt = in.param.ntrait;
     const auto& effect = in.data.effect;
     const double* const weight = in.param.nweight > 0 ? in.data.weight.data() : nullptr;
@@ -221,13 +222,37 @@ void add_class(const precond_input& in, const record_entry& entry, const level_r
         const std::int32_t* const levels = effect.data() + rec * effect.rows();
         const std::int64_t level = std::int64_t{levels[entry.row]} - 1;
         if (level < range.first || level >= range.end) continue;
-        const double* const rinv = in.rinv.of(in.data.combitrait[rec], levels[effect.rows() - 1]);
-        Real* const to = data + level * entry.stride;
-        for (const trait_place& p : entry.traits) {
-            const double w = weight == nullptr ? 1.0 : weight[rec * nt + p.trait];
-            add_to(to[p.slot], rinv[p.trait * nt + p.trait] * (w * w));
-        }
+        add(level, in.rinv.of(in.data.combitrait[rec], levels[effect.rows() - 1]),
+            weight == nullptr ? nullptr : weight + rec * nt);
     }
+}
+
+template <class Real>
+void add_class(const precond_input& in, const part_entries& p, const record_entry& entry,
+               const level_range& range, std::int64_t first, std::int64_t end, Real* data) {
+    const std::int64_t nt = in.param.ntrait;
+    if (p.part->type == precond_diagonal) {
+        for_each_of_class(
+            in, entry, range, first, end, [&](std::int64_t level, const double* rinv, const double* w) {
+                Real* const to = data + level * entry.stride;
+                for (const trait_place& own : entry.traits) {
+                    const double of_trait = w == nullptr ? 1.0 : w[own.trait];
+                    add_to(to[own.slot], rinv[own.trait * nt + own.trait] * (of_trait * of_trait));
+                }
+            });
+        return;
+    }
+    for_each_of_class(in, entry, range, first, end,
+                      [&](std::int64_t level, const double* rinv, const double* w) {
+                          Real* to = data + level * p.size;
+                          for (std::int64_t k = 0; k < nt; ++k)
+                              for (std::int64_t i = 0; i <= k; ++i, ++to)
+                                  add_to(*to, rinv[k * nt + i] * (w == nullptr ? 1.0 : w[i] * w[k]));
+                      });
+}
+
+float* own_values(const part_entries& p) {
+    return p.part->type == precond_diagonal ? p.part->mat.data() : p.part->block.data();
 }
 
 void add_level_parts(const precond_input& in, std::span<part_entries> parts, std::int64_t first,
@@ -241,9 +266,9 @@ void add_level_parts(const precond_input& in, std::span<part_entries> parts, std
         for (const record_entry& entry : p.entries) {
             if (!p.classes) break;
             if (p.wide.empty())
-                add_class(in, entry, scratch.ranges[k], first, end, p.part->mat.data());
+                add_class(in, p, entry, scratch.ranges[k], first, end, own_values(p));
             else
-                add_class(in, entry, scratch.ranges[k], first, end, p.wide.data());
+                add_class(in, p, entry, scratch.ranges[k], first, end, p.wide.data());
         }
     }
     if (!others) return;
@@ -264,12 +289,10 @@ void add_level_parts(const precond_input& in, std::span<part_entries> parts, std
             if (n == 0) continue;
             if (rinv == nullptr) rinv = scratch.weights.of(rec);
             const std::span<const active_entry> active(scratch.active.data(), n);
-            mija& part = *p.part;
             if (!p.wide.empty())
                 add_levels(p, active, rinv, p.wide.data(), ntrait);
             else
-                add_levels(p, active, rinv,
-                           part.type == precond_diagonal ? part.mat.data() : part.block.data(), ntrait);
+                add_levels(p, active, rinv, own_values(p), ntrait);
         }
     }
 }
@@ -451,7 +474,8 @@ std::vector<part_entries> make_parts(const precond_input& in, std::span<mija> mi
         if (!diagonal && p.part->type != precond_block) continue;
         p.size = diagonal ? p.entries.front().stride : packed_size(*p.part);
         p.nlevel = diagonal ? p.part->dim1 / p.size : p.part->dim3;
-        p.classes = diagonal && std::ranges::none_of(p.entries, &record_entry::covariable);
+        p.classes = std::ranges::none_of(p.entries, &record_entry::covariable) &&
+                    (diagonal || (p.entries.size() == 1 && p.entries.front().plain));
         if (p.size * p.nlevel <= largest_wide) p.wide.resize(static_cast<std::size_t>(p.size * p.nlevel));
     }
     return parts;
