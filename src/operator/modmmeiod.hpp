@@ -87,7 +87,7 @@ struct operator_state {
     std::vector<std::int64_t> nrhscontributions;  ///< [e - 1]
     std::vector<effect_group> groups;             ///< openers of random effects with a covariance block
     std::vector<std::unique_ptr<crssparse>>
-        asparse;                                 ///< [e - 1]: inverse relationship matrix, upper triangle
+        asparse;                                 ///< [e - 1]: inverse relationship matrix, lower triangle
     std::vector<sparse_parts> parts;             ///< [e - 1]: of `asparse`
     std::vector<const pedigree_type*> pedigree;  ///< [e - 1]: null where there is none
     double weightupg = 0.0;                      ///< on the diagonal of random groups

@@ -124,11 +124,13 @@ void computerandompart_eff_upg_timesx(const effect_group& group, std::int32_t nu
 struct random_work;
 void addrandompart_a22i_timesx(const effect_group& group, a22_inverse& a22i, double weight, random_work& work,
                                std::span<const double> x, std::span<double> r);
-/// r += (A^-1 kron G^-1) x from the upper triangle of A^-1, by the parts of the threads.
+/// r += (A^-1 kron G^-1) x from the lower triangle of A^-1, by the parts of the threads.
 /// @param memory  parts.spill_size(order) values, of which only those are touched that are needed
 void addrandompartsparse_timesx(const effect_group& group, const crssparse& asparse,
                                 const sparse_parts& parts, std::span<double> memory,
                                 std::span<const double> x, std::span<double> r);
+/// The same symmetric matrix by the rows of its lower triangle, columns ascending; takes its size once more.
+[[nodiscard]] crssparse lower_triangle(const crssparse& upper);
 /// Parts of about equal work.
 [[nodiscard]] sparse_parts make_sparse_parts(const crssparse& asparse, std::int64_t nthread);
 

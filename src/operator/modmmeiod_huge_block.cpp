@@ -124,7 +124,7 @@ std::int64_t single_step_block::bytes() const {
            static_cast<std::int64_t>(sizeof(double));
 }
 
-/// The rows of A^-1 of the genotyped animals, from its upper triangle.
+/// The rows of A^-1 of the genotyped animals, from one triangle of it.
 void single_step_block::find_neighbours(const crssparse& asparse) {
     const crs_view<std::int32_t> a = asparse.view();
     const std::span<const std::int32_t> animals = a22i_.levels();

@@ -1,15 +1,20 @@
 #include <algorithm>
 #include <array>
+#include <numeric>
 #include <type_traits>
 
 #include "modmmeiod_detail.hpp"
 
-// r += (A^-1 kron G^-1) x with the upper triangle of A^-1, in one pass over it and without copies of the
+// r += (A^-1 kron G^-1) x with the lower triangle of A^-1, in one pass over it and without copies of the
 // vectors. An element (i, c) reads the block of x at c, whose sum over the row is multiplied by G^-1 once,
-// and adds the block of G^-1 x at i to r at c. Rows add to the right only, so that a thread may add to the
-// equations of its own rows: no other thread touches them before all rows are through. What falls beyond them
-// goes to sums of its own, the spill, which reaches no further than its last column; the spills are added in
+// and adds the block of G^-1 x at i to r at c. Rows add to the left only, so that a thread may add to the
+// equations of its own rows: no other thread touches them before all rows are through. What falls before them
+// goes to sums of its own, the spill, which reaches no further than its first column; the spills are added in
 // the order of the threads.
+//
+// Rows of the lower triangle belong to progeny and reach their parents, which are few: their blocks stay in
+// the cache while the progeny come, by age, one behind the other. Rows of the upper triangle would reach the
+// progeny of a parent, who lie anywhere in the next generation.
 
 namespace zendar::modmmeiod {
 
@@ -56,19 +61,19 @@ class block_vector {
     const std::int64_t* stride_;
 };
 
-/// Sums of one thread for the levels [first, end); `end` grows as they are reached.
+/// Sums of one thread for the levels [first, end); `first` falls as they are reached.
 struct spill {
-    double* sums = nullptr;  ///< of level `first`
+    double* sums = nullptr;  ///< of level 0
     std::int64_t first = 0, end = 0;
 
-    double* at(std::int64_t level, std::int64_t order, std::int64_t nlevel) {
+    double* at(std::int64_t level, std::int64_t order) {
         constexpr std::int64_t step = 512;
-        if (level >= end) [[unlikely]] {
-            const std::int64_t to = std::min(level + step, nlevel);
-            std::fill(sums + (end - first) * order, sums + (to - first) * order, 0.0);
-            end = to;
+        if (level < first) [[unlikely]] {
+            const std::int64_t from = std::max(level - step, std::int64_t{0});
+            std::fill(sums + from * order, sums + first * order, 0.0);
+            first = from;
         }
-        return sums + (level - first) * order;
+        return sums + level * order;
     }
 };
 
@@ -85,7 +90,7 @@ template <int N, bool Contiguous>
 void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64_t from, std::int64_t to,
           const double* x_data, double* r_data, spill& beyond) {
     constexpr std::int64_t ahead = 24;  // elements whose blocks are asked for before they are needed
-    const std::int64_t order = N > 0 ? N : group.order(), nlevel = group.nlevel;
+    const std::int64_t order = N > 0 ? N : group.order();
     const double* const ginv = group.ginv.data();
     const std::int32_t* const ja = m.ja.data();
     const double* const a = m.a.data();
@@ -101,22 +106,21 @@ void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64
     for (std::int64_t i = from; i < to; ++i) {
         const double* const xi = x.block(i, own_space);
         times_ginv<N>(ginv, xi, scattered, order);
-        std::int64_t k = m.ia[i] - 1;
-        const std::int64_t end = m.ia[i + 1] - 1;
-        const bool has_diagonal = k < end && ja[k] - 1 == i;
-        for (std::int64_t e = 0; e < order; ++e) sum[e] = has_diagonal ? a[k] * xi[e] : 0.0;
-        k += has_diagonal ? 1 : 0;
-        for (; k < end; ++k) {
+        std::int64_t end = m.ia[i + 1] - 1;
+        const bool has_diagonal = end > m.ia[i] - 1 && ja[end - 1] - 1 == i;
+        end -= has_diagonal ? 1 : 0;
+        for (std::int64_t e = 0; e < order; ++e) sum[e] = has_diagonal ? a[end] * xi[e] : 0.0;
+        for (std::int64_t k = m.ia[i] - 1; k < end; ++k) {
             const std::int64_t c = std::int64_t{ja[k]} - 1;
             const std::int64_t next = ja[std::min(k + ahead, last - 1)] - 1;
             x.prefetch(next);
             r.prefetch(next);
             const double* const xc = x.block(c, space);
             for (std::int64_t e = 0; e < order; ++e) sum[e] += a[k] * xc[e];
-            if (c < to) [[likely]] {
+            if (c >= from) [[likely]] {
                 r.add(c, a[k], scattered);
             } else {
-                double* const add = beyond.at(c, order, nlevel);
+                double* const add = beyond.at(c, order);
                 for (std::int64_t e = 0; e < order; ++e) add[e] += a[k] * scattered[e];
             }
         }
@@ -128,13 +132,13 @@ void rows(const effect_group& group, const crs_view<std::int32_t>& m, std::int64
 template <int N, bool Contiguous>
 void multiply(const effect_group& group, const crs_view<std::int32_t>& m, const sparse_parts& parts,
               std::span<double> memory, const double* x, double* r) {
-    const std::int64_t order = N > 0 ? N : group.order(), nlevel = group.nlevel;
+    const std::int64_t order = N > 0 ? N : group.order();
     const auto npart = static_cast<std::int64_t>(parts.bounds.size()) - 1;
     std::vector<spill> spills;
     double* next = memory.data();
     for (std::int64_t p = 0; p < npart; ++p) {
-        spills.push_back({next, parts.bounds[p + 1], parts.bounds[p + 1]});
-        next += (nlevel - parts.bounds[p + 1]) * order;
+        spills.push_back({next, parts.bounds[p], parts.bounds[p]});
+        next += parts.bounds[p] * order;
     }
 #pragma omp parallel num_threads(static_cast<int>(npart)) default(none) \
     shared(group, m, parts, x, r, order, npart, spills)
@@ -143,13 +147,13 @@ void multiply(const effect_group& group, const crs_view<std::int32_t>& m, const 
         for (std::int64_t p = 0; p < npart; ++p)
             rows<N, Contiguous>(group, m, parts.bounds[p], parts.bounds[p + 1], x, r, spills[p]);
 #pragma omp for schedule(static, 1)
-        for (std::int64_t p = 1; p < npart; ++p) {
+        for (std::int64_t p = 0; p < npart - 1; ++p) {
             const block_vector<N, Contiguous, double> to(group, r);
-            for (std::int64_t q = 0; q < p; ++q) {
+            for (std::int64_t q = p + 1; q < npart; ++q) {
                 const spill& s = spills[q];
                 const std::int64_t end = std::min(parts.bounds[p + 1], s.end);
                 for (std::int64_t i = std::max(parts.bounds[p], s.first); i < end; ++i)
-                    to.add(i, 1.0, s.sums + (i - s.first) * order);
+                    to.add(i, 1.0, s.sums + i * order);
             }
         }
     }
@@ -165,6 +169,29 @@ bool is_contiguous(const effect_group& group) {
 }
 
 }  // namespace
+
+crssparse lower_triangle(const crssparse& upper) {
+    const crs_view<std::int32_t> m = upper.view();
+    const auto n = static_cast<std::size_t>(m.dim1);
+    const auto nel = static_cast<std::size_t>(m.ia[n] - 1);
+    std::vector<std::int32_t> ia(n + 2,
+                                 0);  // ia[r + 2] counts row r; then ia[r + 1] is where its next one goes
+    for (std::size_t k = 0; k < nel; ++k) ++ia[static_cast<std::size_t>(m.ja[k]) + 1];
+    std::partial_sum(ia.begin(), ia.end(), ia.begin());
+    std::vector<std::int32_t> ja(nel);
+    std::vector<double> a(nel);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::int32_t k = m.ia[i] - 1; k < m.ia[i + 1] - 1; ++k) {
+            const auto at = static_cast<std::size_t>(ia[static_cast<std::size_t>(m.ja[k])]++);
+            ja[at] = static_cast<std::int32_t>(i) + 1;
+            a[at] = m.a[k];
+        }
+    ia.pop_back();
+    for (std::int32_t& start : ia) ++start;
+    crssparse lower(m.dim1, static_cast<std::int64_t>(nel));
+    lower.external(ia, ja, a);
+    return lower;
+}
 
 sparse_parts make_sparse_parts(const crssparse& asparse, std::int64_t nthread) {
     const crs_view<std::int32_t> m = asparse.view();
@@ -190,7 +217,7 @@ sparse_parts make_sparse_parts(const crssparse& asparse, std::int64_t nthread) {
 
 std::int64_t sparse_parts::spill_size(std::int64_t order) const {
     std::int64_t size = 0;
-    for (std::size_t p = 1; p < bounds.size(); ++p) size += (bounds.back() - bounds[p]) * order;
+    for (std::size_t p = 1; p + 1 < bounds.size(); ++p) size += bounds[p] * order;
     return size;
 }
 

@@ -177,8 +177,8 @@ void mme_iod::setup_relationships(const effect_group& group) {
         fatal(log_, "Covariables are not possible with animal effect", "modmmeiod", procedure);
     log_.message("Computation of Ainv sparse (if any)");
     if (type == 10) {
-        state_.asparse[e - 1] = std::make_unique<crssparse>(
-            readcootoija(param_.file[e][0], narrow<std::int32_t>(group.nlevel), log_));
+        state_.asparse[e - 1] = std::make_unique<crssparse>(modmmeiod::lower_triangle(
+            readcootoija(param_.file[e][0], narrow<std::int32_t>(group.nlevel), log_)));
         return;
     }
     const pedigree_type* const ped = e <= std::ssize(ped_) ? ped_[e - 1].get() : nullptr;
@@ -200,8 +200,8 @@ void mme_iod::setup_relationships(const effect_group& group) {
               procedure);
     state_.pedigree[e - 1] = ped;
     if (param_.useasparse)
-        state_.asparse[e - 1] =
-            std::make_unique<crssparse>(ped->computeasparse_ped(type, param_.weightupg, {}, log_));
+        state_.asparse[e - 1] = std::make_unique<crssparse>(
+            modmmeiod::lower_triangle(ped->computeasparse_ped(type, param_.weightupg, {}, log_)));
     if (is_a22i_effect(type)) setup_a22i(group, *ped);
 }
 

@@ -5,7 +5,7 @@ namespace zendar::modpreconditioneriod {
 
 namespace {
 
-/// The Kronecker product with a matrix between levels, given by its upper triangle. A row of it adds to its
+/// The Kronecker product with a matrix between levels, given by one triangle. A row of it adds to its
 /// own level only, but for sinks that take pairs.
 template <class Sink>
 void add_relationship(const Sink& sink, const crssparse& matrix) {
