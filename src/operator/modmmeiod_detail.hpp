@@ -130,7 +130,7 @@ void addrandompartsparse_timesx(const effect_group& group, const crssparse& aspa
                                 const sparse_parts& parts, std::span<double> memory,
                                 std::span<const double> x, std::span<double> r);
 /// The same symmetric matrix by the rows of its lower triangle, columns ascending; takes its size once more.
-[[nodiscard]] crssparse lower_triangle(const crssparse& upper);
+[[nodiscard]] crssparse lower_triangle(crssparse upper);
 /// Parts of about equal work.
 [[nodiscard]] sparse_parts make_sparse_parts(const crssparse& asparse, std::int64_t nthread);
 

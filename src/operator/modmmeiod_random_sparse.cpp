@@ -170,12 +170,12 @@ bool is_contiguous(const effect_group& group) {
 
 }  // namespace
 
-crssparse lower_triangle(const crssparse& upper) {
+crssparse lower_triangle(crssparse upper) {
     const crs_view<std::int32_t> m = upper.view();
     const auto n = static_cast<std::size_t>(m.dim1);
     const auto nel = static_cast<std::size_t>(m.ia[n] - 1);
-    std::vector<std::int32_t> ia(n + 2,
-                                 0);  // ia[r + 2] counts row r; then ia[r + 1] is where its next one goes
+    // ia[r + 2] counts row r; then ia[r + 1] is where its next element goes.
+    std::vector<std::int32_t> ia(n + 2, 0);
     for (std::size_t k = 0; k < nel; ++k) ++ia[static_cast<std::size_t>(m.ja[k]) + 1];
     std::partial_sum(ia.begin(), ia.end(), ia.begin());
     std::vector<std::int32_t> ja(nel);
@@ -188,7 +188,8 @@ crssparse lower_triangle(const crssparse& upper) {
         }
     ia.pop_back();
     for (std::int32_t& start : ia) ++start;
-    crssparse lower(m.dim1, static_cast<std::int64_t>(nel));
+    upper.destroy();
+    crssparse lower(static_cast<std::int32_t>(n), static_cast<std::int64_t>(nel));
     lower.external(ia, ja, a);
     return lower;
 }
