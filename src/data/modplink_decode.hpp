@@ -17,6 +17,19 @@ inline constexpr auto DECODE_I1 = [] {
     return table;
 }();
 
+/// The values of the four genotypes of each byte; `Missing`: 1 for a missing one and else 0.
+template <bool Missing>
+struct byte_table {
+    alignas(64) double value[256][4];
+    constexpr byte_table() : value() {
+        for (std::size_t byte = 0; byte < 256; ++byte)
+            for (std::size_t k = 0; k < 4; ++k) {
+                const double genotype = DECODE_I1[byte][k];
+                value[byte][k] = Missing ? (genotype == 3.0 ? 1.0 : 0.0) : genotype == 3.0 ? 0.0 : genotype;
+            }
+    }
+};
+
 constexpr double genotype_of(std::int32_t code) {
     return pgeno_wp[static_cast<std::size_t>(code)];
 }

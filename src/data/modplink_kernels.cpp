@@ -139,18 +139,6 @@ template <int V>
     }
 }
 
-/// The values of the four genotypes of each byte; `Missing`: 1 for a missing one and else 0.
-template <bool Missing>
-struct byte_table {
-    alignas(64) double value[256][4];
-    constexpr byte_table() : value() {
-        for (std::size_t byte = 0; byte < 256; ++byte)
-            for (std::size_t k = 0; k < 4; ++k) {
-                const double genotype = DECODE_I1[byte][k];
-                value[byte][k] = Missing ? (genotype == 3.0 ? 1.0 : 0.0) : genotype == 3.0 ? 0.0 : genotype;
-            }
-    }
-};
 constexpr byte_table<false> present_values;
 constexpr byte_table<true> missing_values;
 

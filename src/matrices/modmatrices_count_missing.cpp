@@ -1,26 +1,15 @@
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <cassert>
 #include <cstring>
 #include <numeric>
 
 #include "modmatrices_count.hpp"
+#include "modplink_decode.hpp"
 
 namespace zendar::matrices::counting {
 namespace {
 
-/// The genotypes of the four individuals of a byte; missing is 0.
-struct byte_values {
-    alignas(32) double value[256][4];
-};
-constexpr byte_values genotypes_of_byte = [] {
-    constexpr double genotype[4] = {0.0, 0.0, 1.0, 2.0};
-    byte_values t{};
-    for (std::size_t byte = 0; byte < 256; ++byte)
-        for (std::size_t i = 0; i < 4; ++i) t.value[byte][i] = genotype[byte >> (2 * i) & 3];
-    return t;
-}();
+constexpr detail::byte_table<false> genotypes_of_byte;
 
 /// Calls `visit` with each individual (from 0) whose genotype is missing.
 template <class Visit>
