@@ -36,7 +36,7 @@ struct matrix_data {
             ia.push_back(static_cast<std::int32_t>(ja.size()) + 1);
         }
     }
-    [[nodiscard]] crs_view<std::int32_t> view() const { return {n, n, ia, ja, a}; }
+    [[nodiscard]] crs_view<std::int32_t> view() const { return {n, n, ia, ja, a, true}; }
     /// Matrix and vectors once: x and y read, y written.
     [[nodiscard]] double bytes(std::int64_t columns) const {
         return 12.0 * static_cast<double>(ja.size()) + (4.0 + 24.0 * static_cast<double>(columns)) * n;

@@ -1,7 +1,5 @@
 #include "modsparse.hpp"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <array>
 
@@ -21,13 +19,6 @@ constexpr const char* too_many =
 constexpr const char* too_many_in_lists =
     " ERROR: impossible conversion due a too large number of non-zero elements";
 
-/// The column of the element that each row has in any case.
-struct reserved_column {
-    std::int32_t dim2;
-    bool square;
-    std::int32_t operator()(std::int32_t row) const { return square ? row : dim2; }
-};
-
 /// A compressed-row matrix on the way: the reserved elements stand at the heads of their rows, the others are
 /// put behind them.
 template <std::signed_integral Index>
@@ -41,8 +32,8 @@ struct row_builder {
     row_builder(const gen_sparse& source, page_array<Index> count, std::int64_t limit, const char* message)
         : next(std::move(count)) {
         const std::int32_t dim1 = source.getdim(1), dim2 = source.getdim(2);
-        const reserved_column reserved{dim2, source.issquare()};
-        const Index head = dim2 > 0 ? 1 : 0;  // a matrix without columns has no place for it
+        const detail::reserved_column reserved(source);
+        const Index head = reserved.per_row;
         std::int64_t nel = std::int64_t{dim1} * head;
         for (const Index n : next.span()) nel += n;
         if (nel > limit) fail(source.getoutputunit(), message);
@@ -64,14 +55,6 @@ struct row_builder {
         const Index k = is_reserved ? crs_arrays::ia(result)[row - 1] - 1 : next.data()[row - 1]++;
         ja[k] = col;
         a[k] = value;
-    }
-
-    /// Rows before the part's share, if the elements are shared evenly.
-    [[nodiscard]] std::int32_t row_at(int part, int parts) const {
-        const std::span<const Index> ia = result.view().ia;
-        const auto wanted = static_cast<Index>(1 + std::ssize(a) * part / parts);
-        if (part == parts) return result.getdim(1);
-        return static_cast<std::int32_t>(std::ranges::lower_bound(ia, wanted) - ia.begin());
     }
 
     crs_matrix<Index> finish() {
@@ -129,83 +112,12 @@ coosparse crs_to_coo(const crs_matrix<Index>& crs) {
 
 namespace detail {
 
-namespace {
-
-/// A range of rows, from 1, both ends included.
-struct row_range {
-    std::int32_t first, last;
-};
-
-/// The occupied slots of some rows, in pieces that fit the first-level cache together with what they lead to.
-/// Which slots these are is as good as random: the others are left out without a branch.
-template <class Work>
-void by_pieces(std::span<const coo_slot> slots, row_range rows, const Work& work) {
-    constexpr std::size_t piece = 128;
-    std::array<coo_slot, piece> held;
-    std::size_t n = 0;
-    for (const coo_slot& slot : slots) {
-        held[n] = slot;
-        n += static_cast<std::size_t>((slot.row >= rows.first) & (slot.row <= rows.last) & (slot.col != 0));
-        if (n == piece) {
-            work(std::span<const coo_slot>(held));
-            n = 0;
-        }
-    }
-    work(std::span<const coo_slot>(held.data(), n));
+void too_many_elements(logger* unlog) {
+    fail(unlog, too_many);
 }
-
-/// Threads that each read all slots, for rows of their own.
-int number_of_readers(const coosparse& coo) {
-    constexpr std::int64_t worth_it = 1 << 16;
-    constexpr int most = 8;
-    if (coo.nel() < worth_it || omp_in_parallel() != 0) return 1;
-    return std::clamp(coo.getdim(1), 1, std::min(omp_get_max_threads(), most));
-}
-
-}  // namespace
-
-template <std::signed_integral Index>
-crs_matrix<Index> coo_to_crs(const coosparse& coo, std::int64_t limit) {
-    const reserved_column reserved{coo.getdim(2), coo.issquare()};
-    const int readers = number_of_readers(coo);
-    const std::int64_t dim1 = coo.getdim(1);
-    page_array<Index> count(dim1);
-    Index* const counts = count.data();
-#pragma omp parallel for schedule(static, 1) num_threads(readers) default(none) \
-    shared(coo, reserved, readers, dim1, counts)
-    for (int r = 0; r < readers; ++r) {
-        const row_range rows{static_cast<std::int32_t>(dim1 * r / readers) + 1,
-                             static_cast<std::int32_t>(dim1 * (r + 1) / readers)};
-        by_pieces(coo.slots(), rows, [&](std::span<const coo_slot> piece) {
-            for (const coo_slot& slot : piece) __builtin_prefetch(counts + slot.row - 1, 1);
-            for (const coo_slot& slot : piece) counts[slot.row - 1] += slot.col != reserved(slot.row) ? 1 : 0;
-        });
-    }
-
-    row_builder<Index> build(coo, std::move(count), limit, too_many);
-#pragma omp parallel for schedule(static, 1) num_threads(readers) default(none) \
-    shared(coo, reserved, readers, build)
-    for (int r = 0; r < readers; ++r) {
-        const row_range rows{build.row_at(r, readers) + 1, build.row_at(r + 1, readers)};
-        Index* const next = build.next.data();
-        by_pieces(coo.slots(), rows, [&](std::span<const coo_slot> piece) {
-            for (const coo_slot& slot : piece) __builtin_prefetch(next + slot.row - 1, 1);
-            for (const coo_slot& slot : piece) {
-                __builtin_prefetch(build.ja.data() + next[slot.row - 1], 1);
-                __builtin_prefetch(build.a.data() + next[slot.row - 1], 1);
-            }
-            for (const coo_slot& slot : piece)
-                build.put(slot.row, slot.col, slot.value, slot.col == reserved(slot.row));
-        });
-    }
-    return build.finish();
-}
-
-template crssparse coo_to_crs(const coosparse&, std::int64_t);
-template crssparse64 coo_to_crs(const coosparse&, std::int64_t);
 
 crssparse ll_to_crs(const llsparse& ll, std::int64_t limit) {
-    const reserved_column reserved{ll.getdim(2), ll.issquare()};
+    const reserved_column reserved(ll);
     std::vector<std::pair<std::int32_t, double>> row;
     page_array<std::int32_t> count(ll.getdim(1));
     for (std::int32_t i = 1; i <= ll.getdim(1); ++i) {

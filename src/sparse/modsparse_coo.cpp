@@ -43,7 +43,7 @@ coosparse::coosparse(std::int32_t dim1, std::optional<std::int32_t> dim2, std::o
 
 coosparse::coosparse(const coosparse& other)
     : gen_sparse(other),
-      slots_(other.slots_.copy()),
+      slots_(other.settled().slots_.copy()),
       filled_(other.filled_),
       most_filled_(other.most_filled_) {}
 
@@ -53,6 +53,8 @@ coosparse& coosparse::operator=(coosparse&& other) noexcept {
     slots_ = std::move(other.slots_);
     filled_ = std::exchange(other.filled_, 0);
     most_filled_ = std::exchange(other.most_filled_, 0);
+    nwaiting_ = std::exchange(other.nwaiting_, 0);
+    waiting_ = std::move(other.waiting_);
     return *this;
 }
 
@@ -68,7 +70,7 @@ void coosparse::constructor_sub(std::int32_t dim1, std::optional<std::int32_t> d
 void coosparse::adopt(page_array<coo_slot> slots, std::int64_t filled) {
     slots_ = std::move(slots);
     filled_ = filled;
-    most_filled_ = largest_filled(nel());
+    most_filled_ = largest_filled(slots_.size());
 }
 
 coosparse coosparse::copy() const {
@@ -77,6 +79,8 @@ coosparse coosparse::copy() const {
 
 void coosparse::destroy() {
     destroy_gen();
+    nwaiting_ = 0;
+    waiting_.reset();
     slots_.clear();
     filled_ = most_filled_ = 0;
 }
@@ -105,6 +109,7 @@ void coosparse::visit(const element_sink& sink) const {
 }
 
 void coosparse::scale(double factor) {
+    if (nwaiting_ > 0) settle();
     for (coo_slot& slot : slots_.span())
         if (!is_free(slot)) slot.value *= factor;
 }

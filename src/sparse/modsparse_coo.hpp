@@ -1,8 +1,12 @@
 #pragma once
 
+#include <array>
+#include <cmath>
 #include <concepts>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <span>
 #include <utility>
@@ -53,13 +57,14 @@ class coosparse final : public gen_sparse {
                   std::span<double> y) const override;
     void multgenm(double alpha, char trans, matrix_view<const double> x, double beta,
                   matrix_view<double> y) const override;
-    [[nodiscard]] std::int64_t totalnumberofelements() const override { return filled_; }
+    [[nodiscard]] std::int64_t totalnumberofelements() const override { return filled(); }
     void scale(double factor) override;
 
     /// Overwrites a value. A pair outside the matrix, or below the diagonal with upper storage, is dropped.
     void set(std::int32_t row, std::int32_t col, double value);
     /// Adds to a value, 0.0 if the pair is new. Drops what `set` drops, and values below the machine epsilon
-    /// in absolute value.
+    /// in absolute value. In a table beyond the cache the elements enter some hundred at a time, at the
+    /// latest when anything is asked of the matrix: that is when growing is told, or fails.
     void add(std::int32_t row, std::int32_t col, double value);
     /// The same for many elements, in their order and with the same slots as a result; faster on tables
     /// beyond the cache, as the memory is asked for ahead. The three sizes must agree.
@@ -82,21 +87,43 @@ class coosparse final : public gen_sparse {
     /// Writes a binary file, which gets its name when it is complete.
     void save(const std::filesystem::path& path) const;
 
-    [[nodiscard]] std::int64_t nel() const noexcept { return slots_.size(); }
-    [[nodiscard]] std::int64_t filled() const noexcept { return filled_; }
+    [[nodiscard]] std::int64_t nel() const { return settled().slots_.size(); }
+    [[nodiscard]] std::int64_t filled() const { return settled().filled_; }
     /// Whether so many more elements may make the table grow, which takes twice its memory besides.
-    [[nodiscard]] bool may_grow(std::int64_t more) const noexcept { return filled_ + more > most_filled_; }
+    [[nodiscard]] bool may_grow(std::int64_t more) const { return filled() + more > most_filled_; }
     /// `ija` and `a`: all slots as they lie.
-    [[nodiscard]] std::span<const coo_slot> slots() const noexcept { return slots_.span(); }
+    [[nodiscard]] std::span<const coo_slot> slots() const { return settled().slots_.span(); }
 
   private:
     class conveyor;
+    /// Elements that were added one by one.
+    struct waiting_room {
+        static constexpr std::size_t places = 256;
+        /// A table of fewer slots stands in the second-level cache.
+        static constexpr std::int64_t far = 1 << 16;
+
+        std::array<std::int32_t, places> rows, cols;
+        std::array<double, places> values;
+    };
 
     coosparse(const coosparse& other);
 
     void visit(const element_sink& sink) const override;
     [[nodiscard]] bool accepts(std::int32_t row, std::int32_t col) const noexcept {
         return inside(row, col) && !(lupperstorage_ && row > col);
+    }
+    /// Whether `add` takes it.
+    [[nodiscard]] bool is_entered(std::int32_t row, std::int32_t col, double value) const noexcept {
+        return accepts(row, col) && !(std::abs(value) < std::numeric_limits<double>::epsilon());
+    }
+    void add_all(std::span<const std::int32_t> rows, std::span<const std::int32_t> cols,
+                 std::span<const double> values);
+    /// Enters the elements that wait.
+    void settle();
+    /// What is asked of the matrix is asked after that. Only an object that may change has waiting elements.
+    [[nodiscard]] const coosparse& settled() const {
+        if (nwaiting_ > 0) const_cast<coosparse&>(*this).settle();
+        return *this;
     }
     /// The value's place, after growing if needed.
     double& place(std::int32_t row, std::int32_t col);
@@ -121,6 +148,8 @@ class coosparse final : public gen_sparse {
     page_array<coo_slot> slots_;
     std::int64_t filled_ = 0;
     std::int64_t most_filled_ = 0;  // the table grows beyond it
+    std::size_t nwaiting_ = 0;
+    std::unique_ptr<waiting_room> waiting_;
 };
 
 }  // namespace zendar

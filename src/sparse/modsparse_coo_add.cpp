@@ -14,8 +14,6 @@ namespace zendar {
 
 namespace {
 
-constexpr double epsilon = std::numeric_limits<double>::epsilon();
-
 bool is_free(const coo_slot& slot) {
     return slot.row == 0 || slot.col == 0;
 }
@@ -32,18 +30,38 @@ bool is_other(const coo_slot& slot, std::int32_t row, std::int32_t col) {
 // ---- one element -----------------------------------------------------------------------------------------
 
 void coosparse::set(std::int32_t row, std::int32_t col, double value) {
+    if (nwaiting_ > 0) settle();
     if (accepts(row, col)) place(row, col) = value;
 }
 
 void coosparse::add(std::int32_t row, std::int32_t col, double value) {
-    if (accepts(row, col) && !(std::abs(value) < epsilon)) place(row, col) += value;
+    if (!is_entered(row, col, value)) return;
+    if (waiting_ == nullptr) {
+        if (slots_.size() < waiting_room::far) {
+            place(row, col) += value;
+            return;
+        }
+        waiting_ = std::make_unique<waiting_room>();
+    }
+    waiting_room& room = *waiting_;
+    room.rows[nwaiting_] = row;
+    room.cols[nwaiting_] = col;
+    room.values[nwaiting_] = value;
+    if (++nwaiting_ == waiting_room::places) settle();
+}
+
+void coosparse::settle() {
+    // Emptied first: whatever fails must not be tried again by the next question.
+    const std::size_t n = std::exchange(nwaiting_, 0);
+    add_all(std::span(waiting_->rows).first(n), std::span(waiting_->cols).first(n),
+            std::span(waiting_->values).first(n));
 }
 
 /// As `hashf_array` without `getval`. The first three probes do not wait for each other's memory, so that an
 /// element costs about one answer of the memory; more than that takes many elements at a time.
 std::int64_t coosparse::find_or_insert(std::int32_t row, std::int32_t col) {
     constexpr std::int32_t ahead = 3;
-    const std::int64_t nel = this->nel();
+    const std::int64_t nel = slots_.size();
     coo_slot* const slots = slots_.data();
     hash_words h = hash_start(row, col);
     std::array<std::int64_t, ahead> first;
@@ -155,7 +173,7 @@ class coosparse::conveyor {
     }
     void prefetch() {
         const coo_slot* const slots = store_.slots_.data();
-        const auto mask = static_cast<std::uint64_t>(store_.nel() - 1);
+        const auto mask = static_cast<std::uint64_t>(store_.slots_.size() - 1);
         for (std::size_t j = 0; j < lanes; ++j) {
             mix(a_[j], b_[j], c_[j]);
             lane_slot_[j] = static_cast<std::int64_t>(c_[j] & mask);
@@ -183,11 +201,11 @@ class coosparse::conveyor {
     /// The table may grow here, and whatever was found in the old one is void.
     void enter_on_its_own() {
         const std::size_t k = entered_ % capacity;
-        const std::int64_t nel = store_.nel();
+        const std::int64_t nel = store_.slots_.size();
         store_.place(row_[k], col_[k]) += value_[k];
         ++entered_;
         // A lane may still be with the element.
-        if (slot_[k] != not_found && store_.nel() == nel) return;
+        if (slot_[k] != not_found && store_.slots_.size() == nel) return;
         for (std::uint64_t i = entered_; i < started_; ++i) slot_[i % capacity] = not_found;
         started_ = entered_;
         under_way_ = false;
@@ -209,18 +227,25 @@ class coosparse::conveyor {
 void coosparse::add(std::span<const std::int32_t> rows, std::span<const std::int32_t> cols,
                     std::span<const double> values) {
     assert(rows.size() == cols.size() && rows.size() == values.size());
+    if (nwaiting_ > 0) settle();
+    add_all(rows, cols, values);
+}
+
+void coosparse::add_all(std::span<const std::int32_t> rows, std::span<const std::int32_t> cols,
+                        std::span<const double> values) {
     if (rows.size() < conveyor::lanes) {
-        for (std::size_t k = 0; k < rows.size(); ++k) add(rows[k], cols[k], values[k]);
+        for (std::size_t k = 0; k < rows.size(); ++k)
+            if (is_entered(rows[k], cols[k], values[k])) place(rows[k], cols[k]) += values[k];
         return;
     }
     conveyor line(*this);
     for (std::size_t k = 0; k < rows.size(); ++k)
-        line.push(rows[k], cols[k], values[k], accepts(rows[k], cols[k]) && !(std::abs(values[k]) < epsilon));
+        line.push(rows[k], cols[k], values[k], is_entered(rows[k], cols[k], values[k]));
     line.finish();
 }
 
 void coosparse::grow() {
-    const std::int64_t old_nel = nel();
+    const std::int64_t old_nel = slots_.size();
     // The rule alone would leave a table of one slot as it is.
     const std::int64_t new_nel = std::max(roundinguppower2(old_nel + old_nel / 2), 2 * old_nel);
     message("  Current | New size COO: " + inttochar(old_nel) + " | " + inttochar(new_nel));
@@ -230,7 +255,7 @@ void coosparse::grow() {
 
     conveyor line(*this);
     for (const coo_slot& slot : old.span())
-        line.push(slot.row, slot.col, slot.value, !is_free(slot) && !(std::abs(slot.value) < epsilon));
+        line.push(slot.row, slot.col, slot.value, is_entered(slot.row, slot.col, slot.value));
     line.finish();
 }
 

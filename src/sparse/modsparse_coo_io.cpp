@@ -79,7 +79,7 @@ std::int64_t first_lost(std::span<const coo_slot> slots) {
 void coosparse::save(const std::filesystem::path& path) const {
     file_writer file;
     if (const auto failure = file.open(path)) fail(detail::cannot_write(path, *failure));
-    detail::write_head(file, format_code, dim1_, dim2_, filled_);
+    detail::write_head(file, format_code, dim1_, dim2_, filled());
     detail::write_item(file, nel());
     detail::write_item(file, std::int32_t{lupperstorage_ ? 1 : 0});
 

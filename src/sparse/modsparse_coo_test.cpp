@@ -196,6 +196,54 @@ TEST(AddMany, GivesTheSlotsOfSingleAdditions) {
     }
 }
 
+TEST(Add, IsSeenByWhateverIsAskedOfALargeTable) {
+    // Additions wait there until some hundred are together, or something is asked.
+    constexpr std::int64_t nel = 1 << 16;
+    const auto added = [&] {
+        coosparse coo(500, 500, nel);
+        coo.add(3, 4, 1.0);
+        coo.add(7, 7, 2.0);
+        coo.add(3, 4, 0.5);
+        return coo;
+    };
+    EXPECT_EQ(added().get(3, 4), 1.5);
+    EXPECT_EQ(added().filled(), 2);
+    EXPECT_EQ(added().totalnumberofelements(), 2);
+    EXPECT_EQ(added().diag_vect()[6], 2.0);
+    EXPECT_EQ(added().diag_mat().get(7, 7), 2.0);
+    EXPECT_EQ(added().submatrix(std::vector<std::int32_t>{4, 3}).get(2, 1), 1.5);
+    EXPECT_EQ(added().copy().get(3, 4), 1.5);
+    EXPECT_EQ(std::ranges::count_if(added().slots(), [](const coo_slot& s) { return s.row != 0; }), 2);
+    const coosparse changed = [&] {
+        coosparse coo = added();
+        coo.scale(2.0);
+        coo.add(3, 4, 1.0);
+        coo.set(7, 7, -1.0);
+        coo.add(7, 7, 0.25);
+        coosparse moved;
+        moved = std::move(coo);
+        moved.add(std::vector<std::int32_t>{3, 9}, std::vector<std::int32_t>{4, 9},
+                  std::vector<double>{1.0, 5.0});
+        return moved;
+    }();
+    EXPECT_EQ(changed.get(3, 4), 5.0);
+    EXPECT_EQ(changed.get(7, 7), -0.75);
+    EXPECT_EQ(changed.get(9, 9), 5.0);
+    EXPECT_EQ(changed.filled(), 3);
+    const std::vector<double> ones(500, 1.0);
+    std::vector<double> sums(500, 0.0);
+    added().multgenv(1.0, 'n', ones, 0.0, sums);
+    EXPECT_EQ(sums[2], 1.5);
+    coosparse full(500, 500, nel);
+    for (std::int32_t i = 1; i <= 500; ++i)
+        for (std::int32_t j = 1; j <= 100; ++j) full.add(i, j, 1.0);
+    EXPECT_TRUE(full.may_grow(nel * 4 / 5 - 50000 + 1));
+    EXPECT_FALSE(full.may_grow(nel * 4 / 5 - 50000));
+    coosparse again = added();
+    again.constructor_sub(500, 500, nel);
+    EXPECT_EQ(again.filled(), 0);
+}
+
 /// As `GivesTheSlotsOfSingleAdditions`, for lists that are made to be entered in another order.
 void expect_same_slots(std::int64_t nel, const std::vector<std::int32_t>& rows,
                        const std::vector<std::int32_t>& cols) {

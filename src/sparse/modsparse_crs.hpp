@@ -77,7 +77,7 @@ class crs_matrix final : public gen_sparse {
     [[nodiscard]] std::vector<double> get_nzval() const;
     /// The arrays themselves, valid until the matrix changes.
     [[nodiscard]] crs_view<Index> view() const noexcept {
-        return {dim1_, dim2_, ia_.span(), ja_.span(), a_.span()};
+        return {dim1_, dim2_, ia_.span(), ja_.span(), a_.span(), lsorted_};
     }
     /// Sorts every row by column, rows in parallel.
     void sort();

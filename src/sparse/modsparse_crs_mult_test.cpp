@@ -36,14 +36,16 @@ struct rows_of_elements {
     std::int32_t dim1, dim2;
     std::vector<Index> ia{1}, ja{};
     std::vector<double> a{};
-    [[nodiscard]] crs_view<Index> view() const { return {dim1, dim2, ia, ja, a}; }
+    bool sorted = false;
+    [[nodiscard]] crs_view<Index> view() const { return {dim1, dim2, ia, ja, a, sorted}; }
 };
 
-/// Random rows, some of them empty, some without a diagonal element, their columns in any order.
+/// Random rows, some of them empty, some without a diagonal element, their columns in any order unless
+/// sorted.
 template <std::signed_integral Index>
 rows_of_elements<Index> random_rows(std::int32_t dim1, std::int32_t dim2, bool upper, pattern where,
-                                    std::int32_t per_row, std::mt19937& generator) {
-    rows_of_elements<Index> m{.dim1 = dim1, .dim2 = dim2};
+                                    std::int32_t per_row, std::mt19937& generator, bool sorted = false) {
+    rows_of_elements<Index> m{.dim1 = dim1, .dim2 = dim2, .sorted = sorted};
     std::uniform_real_distribution<double> value(-1.0, 1.0);
     const auto below = [&](std::int32_t n) {
         return static_cast<std::int32_t>(generator() % static_cast<std::uint32_t>(n));
@@ -59,7 +61,7 @@ rows_of_elements<Index> random_rows(std::int32_t dim1, std::int32_t dim2, bool u
         }
         std::ranges::sort(columns);
         columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
-        if (below(3) == 0) std::ranges::shuffle(columns, generator);
+        if (!sorted && below(3) == 0) std::ranges::shuffle(columns, generator);
         for (const std::int32_t c : columns) {
             m.ja.push_back(c + 1);
             m.a.push_back(value(generator));
@@ -124,8 +126,8 @@ void check_random_case(unsigned seed) {
                               : large                       ? 3000 + below(3000)
                                                             : 1 + below(60);
     const auto m = random_rows<Index>(dim1, dim2, s != storage::general, static_cast<pattern>(below(3)),
-                                      1 + below(12), generator);
-    const std::int32_t columns = 1 + below(17);
+                                      1 + below(12), generator, below(2) == 1);
+    const std::int32_t columns = below(3) == 0 ? 1 : 1 + below(17);
     const double alphas[] = {1.0, 0.0, -2.5}, betas[] = {0.0, 1.0, 0.75};
     const double alpha = alphas[below(3)], beta = betas[below(3)];
     // The columns stand in larger matrices, so that the leading dimension is not the number of rows.

@@ -25,6 +25,20 @@ struct crs_arrays {
 
 namespace detail {
 
+/// The column of the element that each row has in any case.
+struct reserved_column {
+    std::int32_t dim2;
+    bool square;
+    std::int32_t per_row;  ///< 0: a matrix without columns has no place for it
+
+    explicit reserved_column(const gen_sparse& m)
+        : dim2(m.getdim(2)), square(m.issquare()), per_row(dim2 > 0 ? 1 : 0) {}
+    std::int32_t operator()(std::int32_t row) const { return square ? row : dim2; }
+};
+
+/// @throws fatal_error
+[[noreturn]] void too_many_elements(logger* unlog);
+
 /// `ia` ends with the number of elements plus 1.
 template <std::signed_integral Index>
 constexpr std::int64_t most_elements = std::numeric_limits<Index>::max() - 1;

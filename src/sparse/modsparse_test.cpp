@@ -2,6 +2,9 @@
 
 #include <omp.h>
 
+#include <map>
+#include <random>
+
 #include "modsparse_detail.hpp"
 #include "modsparse_test_support.hpp"
 
@@ -100,6 +103,36 @@ TEST(ConvertFromCooToCrs, GivesTheSameForAnyNumberOfThreads) {
 TEST(ConvertFromCooToCrs, CopesWithALargeTableWithoutRows) {
     EXPECT_EQ(convertfromcootocrs(coosparse(0, 0, 1 << 17)).totalnumberofelements(), 0);
     EXPECT_EQ(convertfromcootocrs(coosparse(1, 4, 1 << 17)).totalnumberofelements(), 1);
+}
+
+TEST(ConvertFromCooToCrs, CopesWithRowsOfVeryDifferentLengths) {
+    // One row and one column with all elements, as of a mean, and nearly empty rows in a long matrix.
+    constexpr std::int32_t n = 100000;
+    for (const bool upper : {false, true}) {
+        coosparse coo(n, n, 1 << 19, upper);
+        std::mt19937 generator(3);
+        std::map<std::pair<std::int32_t, std::int32_t>, double> expected;
+        const auto put = [&](std::int32_t i, std::int32_t j, double v) {
+            coo.add(i, j, v);
+            if (!upper || i <= j) expected[{i, j}] += v;
+        };
+        for (std::int32_t i = 1; i <= n; ++i) {
+            expected[{i, i}] += 0.0;
+            put(17, i, i);
+            put(i, n - 3, 2.0 * i);
+            if (i % 1000 == 0) put(i, static_cast<std::int32_t>(generator() % n) + 1, 1.0);
+        }
+        const crssparse crs = convertfromcootocrs(coo);
+
+        const crs_view<std::int32_t> m = crs.view();
+        ASSERT_EQ(std::ssize(m.ja), std::ssize(expected));
+        auto next = expected.begin();
+        for (std::int32_t i = 1; i <= n; ++i)
+            for (std::int32_t k = m.ia[i - 1] - 1; k < m.ia[i] - 1; ++k, ++next) {
+                ASSERT_EQ(std::pair(i, m.ja[k]), next->first);
+                ASSERT_EQ(m.a[k], next->second);
+            }
+    }
 }
 
 /// Every conversion, for every kind and shape, keeps what `get` shows.

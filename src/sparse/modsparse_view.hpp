@@ -13,6 +13,7 @@ struct crs_view {
     std::span<const Index> ia;  ///< dim1 + 1 row pointers, ia[0] = 1
     std::span<const Index> ja;  ///< columns
     std::span<const double> a;  ///< values
+    bool sorted = false;        ///< columns are known to rise within each row
 };
 
 }  // namespace zendar
