@@ -6,10 +6,16 @@
 
 namespace zendar::detail {
 
-column_groups::column_groups(const double* b, std::int64_t ldb, std::int64_t rows, std::int64_t n)
+column_groups::column_groups(const double* b, std::int64_t ldb, std::int64_t rows, std::int64_t n,
+                             std::int64_t widest)
     : word_(n == 1 ? 32 : 24), rows_((rows + word_ - 1) / word_ * word_) {
     for (std::int64_t first = 0; first < n;) {
-        const std::int64_t left = n - first, width = n == 1 ? 1 : left >= 3 ? 4 : 2;
+        const std::int64_t left = n - first;
+        const std::int64_t width = n == 1                        ? 1
+                                   : left <= 2                   ? 2
+                                   : left <= 4 || widest == 4    ? 4
+                                   : left == 9 || left == widest ? widest
+                                                                 : 8;
         groups_.push_back({.first = first, .count = std::min(left, width), .width = width, .before = width_});
         first += groups_.back().count;
         width_ += width;
@@ -24,7 +30,18 @@ column_groups::column_groups(const double* b, std::int64_t ldb, std::int64_t row
 }
 
 const plink_table_kernels& kernels_of(const plink_kernels& kernels, const column_group& group) {
-    return group.width == 1 ? kernels.columns1 : group.width == 2 ? kernels.columns2 : kernels.columns4;
+    switch (group.width) {
+        case 1:
+            return kernels.columns1;
+        case 2:
+            return kernels.columns2;
+        case 4:
+            return kernels.columns4;
+        case 8:
+            return kernels.columns8;
+        default:
+            return kernels.columns10;
+    }
 }
 
 std::int64_t block_length(std::int64_t outputs, std::int64_t longest, std::int64_t multiple) {

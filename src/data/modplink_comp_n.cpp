@@ -58,7 +58,7 @@ void store_block(const plink_product& p, std::span<const column_group> groups, c
 void comp_n(const plink_kernels& kernels, const plink_product& p, std::int64_t longest_block,
             std::int64_t panel_words) {
     const plink_genotypes& a = p.a;
-    const column_groups columns(p.b, p.ldb, a.ncol, p.n);
+    const column_groups columns(p.b, p.ldb, a.ncol, p.n, kernels.widest);
     const std::int64_t block = block_length(a.nrow, longest_block, chunk);
     const std::int64_t blocks = (a.nrow + block - 1) / block, word = columns.genotypes_of_word();
     const std::vector<double> factors = centred_codes(p, columns.words() * word);
@@ -68,7 +68,7 @@ void comp_n(const plink_kernels& kernels, const plink_product& p, std::int64_t l
 #pragma omp parallel for schedule(static) default(none) \
     shared(kernels, p, a, columns, factors, block, blocks, word, panel_words, all)
     for (std::int64_t block_number = 0; block_number < blocks; ++block_number) {
-        alignas(64) double tables[fields_of_word * 64 * 4];
+        alignas(64) double tables[size_of_tables];
 
         double* const acc = all.part(omp_get_thread_num());
         auto* const x = reinterpret_cast<std::uint64_t*>(acc + block * columns.width());

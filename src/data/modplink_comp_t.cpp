@@ -118,8 +118,12 @@ void add_missing(const panel& x, const column_groups& columns, const column_grou
         add_missing<1>(x, b, sums);
     else if (group.width == 2)
         add_missing<2>(x, b, sums);
-    else
+    else if (group.width == 4)
         add_missing<4>(x, b, sums);
+    else if (group.width == 8)
+        add_missing<8>(x, b, sums);
+    else
+        add_missing<10>(x, b, sums);
 }
 
 /// What one thread works with.
@@ -131,7 +135,7 @@ struct work_space {
 
 void add_panel(const plink_kernels& kernels, const column_groups& columns, std::int64_t k0,
                std::int64_t words, std::int64_t length, std::int64_t block, work_space& work) {
-    alignas(64) double tables[fields_of_word * 64 * 4];
+    alignas(64) double tables[size_of_tables];
     for (const column_group& group : columns.groups()) {
         const plink_table_kernels& kernel = kernels_of(kernels, group);
         for (std::int64_t k = 0; k < words; ++k) {
@@ -178,7 +182,7 @@ std::vector<double> column_sums(const plink_product& p) {
 void dgemm_comp_t(const plink_kernels& kernels, const plink_product& p) {
     if (p.n <= columns_of_few) return dgemm_comp_t_few(kernels, p);
     const plink_genotypes& a = p.a;
-    const column_groups columns(p.b, p.ldb, a.nrow, p.n);
+    const column_groups columns(p.b, p.ldb, a.nrow, p.n, kernels.widest);
     const std::vector<double> total = column_sums(p);
     const std::int64_t longest_block = p.n < 16 ? 2048 : 1024, panel_words = 32768 / longest_block;
     const std::int64_t block = block_length(a.ncol, longest_block, 8);

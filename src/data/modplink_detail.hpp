@@ -15,12 +15,14 @@
 ///     1                 4 (8 bits)          256 x  8 bytes    1/4
 ///     2                 3 (6 bits)           64 x 16 bytes    1/6
 ///     4                 3 (6 bits)           64 x 32 bytes    1/12
+///     8 (AVX-512)       3 (6 bits)           64 x 64 bytes    1/24
+///     1 (AVX-512)       2 (4 bits)           16 x  8 bytes    1/16, of eight outputs at once
 ///
-/// The eight tables take 16 KB at most and stay in the first cache; filling them is spread over the outputs
-/// of a block. (t(G) b with one or two columns multiplies decoded bytes instead: its additions are as many,
-/// and it needs no words.) In G b the tables hold centred values. In t(G) b the frequency differs between
-/// outputs, so the tables hold genotypes, missing as 0, and 2 freq (sum of b over those not missing) comes
-/// off at the end.
+/// The eight tables take 32 KB at most (40 KB for eight and two columns at once) and stay in the first cache,
+/// the 16 of the last line in registers; filling them is spread over the outputs of a block. (t(G) b with one
+/// or two columns multiplies decoded bytes instead: its additions are as many, and it needs no words.) In G b
+/// the tables hold centred values. In t(G) b the frequency differs between outputs, so the tables hold
+/// genotypes, missing as 0, and 2 freq (sum of b over those not missing) comes off at the end.
 namespace zendar::detail {
 
 /// One product, c := op(A) b + beta c.
@@ -36,6 +38,8 @@ struct plink_product {
 };
 
 inline constexpr std::int32_t fields_of_word = 8;
+inline constexpr std::int64_t widest_group = 10;                                    ///< columns
+inline constexpr std::int64_t size_of_tables = fields_of_word * 64 * widest_group;  ///< doubles
 inline constexpr std::int64_t chunk = 128;  ///< individuals that the transposition takes at once
 inline constexpr std::int64_t chunk_bytes = chunk / 4;
 
@@ -58,7 +62,9 @@ struct snp_sums {
 /// One row per instruction set, all from the same templates.
 struct plink_kernels {
     const char* name;
-    plink_table_kernels columns1, columns2, columns4;
+    plink_table_kernels columns1, columns2, columns4, columns8,
+        columns10;        ///< the last two are not in all rows
+    std::int64_t widest;  ///< columns that it takes at once
     /// Adds to the sums of four SNPs those of `words` times 32 individuals, whose b is contiguous.
     void (*dot)(const std::uint8_t* const* columns, std::int64_t words, const double* b, snp_sums* sums);
     /// Turns 32 SNPs (`snps` of them are there) x 128 individuals, `chunk_bytes` bytes from each of `rows`,
@@ -72,9 +78,12 @@ struct plink_kernels {
 /// Where the transposition puts individual i of a chunk.
 constexpr std::int64_t place_in_chunk(std::int64_t i) {
     const std::int64_t byte = i / 4;
-    return (i % 4 * 8 + byte % 8) * 4 + byte / 8;
+    return (i % 4 * 8 + byte % 16 / 2) * 4 + byte % 2 + byte / 16 * 2;
 }
 
+#if defined(__x86_64__)
+[[nodiscard]] const plink_kernels& plink_kernels_512();
+#endif
 [[nodiscard]] std::span<const plink_kernels> all_plink_kernels();  ///< the last supported one is the best
 [[nodiscard]] const plink_kernels& best_plink_kernels();
 
@@ -98,14 +107,15 @@ void dgemm_comp_n_421(const plink_kernels& kernels, const plink_product& p);
 struct column_group {
     std::int64_t first = 0;   ///< column of b
     std::int64_t count = 0;   ///< columns of b in it
-    std::int64_t width = 0;   ///< 1, 2 or 4; the columns behind `count` are zero
+    std::int64_t width = 0;   ///< 1, 2, 4, 8 or 10; the columns behind `count` are zero
     std::int64_t before = 0;  ///< sum of the widths of the groups before
 };
 
 /// b with the columns of a group side by side, filled up with zeros to whole words.
 class column_groups {
   public:
-    column_groups(const double* b, std::int64_t ldb, std::int64_t rows, std::int64_t n);
+    /// @param widest  columns that the kernels take at once.
+    column_groups(const double* b, std::int64_t ldb, std::int64_t rows, std::int64_t n, std::int64_t widest);
 
     [[nodiscard]] std::span<const column_group> groups() const { return groups_; }
     [[nodiscard]] std::int64_t genotypes_of_word() const { return word_; }

@@ -430,8 +430,12 @@ TEST(BestPlinkKernels, AreTheLastOnesThatTheProcessorSupports) {
         if (kernels.is_supported()) last = &kernels;
     EXPECT_EQ(&detail::best_plink_kernels(), last);
 #if defined(__x86_64__)
-    EXPECT_EQ(all.size(), 2U);
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && __builtin_cpu_supports("bmi2")) {
+    EXPECT_EQ(all.size(), 3U);
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+        __builtin_cpu_supports("avx512bw")) {
+        EXPECT_STREQ(last->name, "avx512");
+    } else if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+               __builtin_cpu_supports("bmi2")) {
         EXPECT_STREQ(last->name, "avx2");
     }
 #endif
