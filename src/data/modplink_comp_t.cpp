@@ -10,7 +10,6 @@
 namespace zendar::detail {
 namespace {
 
-constexpr std::int64_t columns_of_few = 2;
 constexpr double genotype_factor[4] = {0.0, 0.0, 1.0, 2.0};
 constexpr double missing_factor[4] = {0.0, 1.0, 0.0, 0.0};
 
@@ -180,7 +179,7 @@ std::vector<double> column_sums(const plink_product& p) {
 }  // namespace
 
 void dgemm_comp_t(const plink_kernels& kernels, const plink_product& p) {
-    if (p.n <= columns_of_few) return dgemm_comp_t_few(kernels, p);
+    if (p.n <= kernels.columns_of_few) return dgemm_comp_t_few(kernels, p);
     const plink_genotypes& a = p.a;
     const column_groups columns(p.b, p.ldb, a.nrow, p.n, kernels.widest);
     const std::vector<double> total = column_sums(p);

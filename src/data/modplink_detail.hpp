@@ -63,8 +63,9 @@ struct snp_sums {
 struct plink_kernels {
     const char* name;
     plink_table_kernels columns1, columns2, columns4, columns8,
-        columns10;        ///< the last two are not in all rows
-    std::int64_t widest;  ///< columns that it takes at once
+        columns10;                ///< the last two are not in all rows
+    std::int64_t widest;          ///< columns that it takes at once
+    std::int64_t columns_of_few;  ///< up to so many, t(G) b multiplies decoded genotypes
     /// Adds to the sums of four SNPs those of `words` times 32 individuals, whose b is contiguous.
     void (*dot)(const std::uint8_t* const* columns, std::int64_t words, const double* b, snp_sums* sums);
     /// Turns 32 SNPs (`snps` of them are there) x 128 individuals, `chunk_bytes` bytes from each of `rows`,
