@@ -273,7 +273,8 @@ std::vector<std::int32_t> read_plink_levels(const std::string& name, std::int32_
 std::int32_t count_plink_snps(const std::string& name, logger& log) {
     const std::string stem = stem_of(std::string(trim(name)));
     check_plinkfiles(stem, log);
-    return read_lines(stem + ".bim", [](std::string_view, std::int64_t) {}, log);
+    return read_lines(
+        stem + ".bim", [](std::string_view, std::int64_t) {}, log);
 }
 
 void readcovariable_bed(covariable_type& cov, const param_type& param, std::int32_t e, std::int32_t maxcols,
@@ -346,8 +347,13 @@ void init_miraculix(covariable_type& cov, std::int32_t maxcols, std::optional<st
     log.message("Allocates transpose(cov%ival)");
     log.message("Number of columns: " + inttochar(maxcols));
     ::miraculix::compressed_store* store = nullptr;
-    ::miraculix::plink2compressed(plink.ival.data(), gpu ? transposed.ival.data() : nullptr, plink.ncol,
-                                  plink.nrow, cov.allelefreq.data(), maxcols, &store);
+    try {
+        ::miraculix::plink2compressed(plink.ival.data(), gpu ? transposed.ival.data() : nullptr, plink.ncol,
+                                      plink.nrow, cov.allelefreq.data(), maxcols, &store);
+    } catch (const fatal_error& failure) {
+        // The library, which knows no logger, has told it on standard error only.
+        fatal(log, failure.what(), "modstructure", "init_miraculix", failure.status());
+    }
     cov.compressed = {store,
                       [](::miraculix::compressed_store* held) { ::miraculix::free_compressed(&held); }};
 }

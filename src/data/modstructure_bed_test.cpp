@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "captured_log.hpp"
+#include "gpu_state.hpp"
 #include "miraculix.hpp"
 #include "modparameters.hpp"
 #include "modstructure.hpp"
@@ -458,14 +459,41 @@ TEST_F(ReadcovariableBed, StopsAtBothOptionsOfTheLibrary) {
 }
 
 TEST_F(ReadcovariableBed, LogsThePreparationOfTheGpu) {
+    const ::miraculix::gpu::test::environment_value hidden("CUDA_VISIBLE_DEVICES", nullptr);
     param_.miraculix_gpu = {0, 1};
-    static_cast<void>(fatal_message([&] { static_cast<void>(read()); }));  // without a GPU it goes no further
 
+    const std::string message = failure();  // without a visible device it goes no further
+
+    EXPECT_THAT(message, EndsWith(::miraculix::gpu::test::reason_without_visible_devices()));
     EXPECT_THAT(log_.text(), HasSubstr("Miraculix: Version: GPU\n"));
     EXPECT_THAT(log_.text(),
                 HasSubstr("Use of Miraculix procedures\nGPU enabled\nTransposition of Bed matrix: ."));
     EXPECT_THAT(log_.text(),
                 HasSubstr("\nCall c_setOptions\nAllocates transpose(cov%ival)\nNumber of columns: 2\n"));
+    EXPECT_THAT(log_.text(),
+                testing::ContainsRegex("modstructure % init_miraculix \\([0-9]+\\): ERROR: Severe "
+                                       "error occured in function 'plink2gpu'"));
+}
+
+/// The same products as on the CPU.
+TEST_F(ReadcovariableBed, MultipliesOnTheGpu) {
+    if (::miraculix::gpu::test::devices() == 0) GTEST_SKIP() << "no GPU answers: skipped";
+    const char* const visible = std::getenv("CUDA_VISIBLE_DEVICES");
+    const ::miraculix::gpu::test::environment_value shown("CUDA_VISIBLE_DEVICES",
+                                                          visible == nullptr ? "0" : visible);
+    param_.miraculix_gpu = {0, 1};
+    set_frequencies("0.25\n0.5\n1\n");
+
+    const covariable_type cov = read();
+
+    EXPECT_EQ(cov.miraculix, 20);
+    EXPECT_THAT(log_.text(), EndsWith("Miraculix: Max. number of columns: 2\n"));
+    const std::vector<double> b = {1.0, 10.0, 100.0, 1000.0, 10000.0};
+    std::vector<double> c(3, -1.0);
+    ::miraculix::dgemm_compressed('t', cov.compressed.get(), 1, b.data(), 5, c.data(), 3);
+    EXPECT_NEAR(c[0], 22100.0 - 0.5 * 11111.0, 1e-9);
+    EXPECT_NEAR(c[1], 11.0 - 11111.0, 1e-9);
+    EXPECT_NEAR(c[2], 0.0, 1e-9);
 }
 
 }  // namespace

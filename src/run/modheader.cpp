@@ -67,7 +67,7 @@ build_stamp this_build() {
 #else
     const std::string compiler = "GCC " __VERSION__;
 #endif
-    return {compiler, __DATE__, __TIME__, ZENDAR_BUILD_VERSION, ZENDAR_BUILD_COMMIT, false};
+    return {compiler, __DATE__, __TIME__, ZENDAR_BUILD_VERSION, ZENDAR_BUILD_COMMIT, ZENDAR_GPU != 0};
 }
 
 run_banner::run_banner(std::string name) : name_(std::move(name)), starttime_(wall_clock()) {}

@@ -256,8 +256,9 @@ TEST(BadSnpFile, CutAnywhereIsNamed) {
     }
 }
 
-/// The genotype library reports faults on standard error.
+/// The genotype library reports faults on standard error, and the run in its log.
 TEST(BadSnpFile, OnADeviceThatIsNotThereIsToldSo) {
+    ::unsetenv("CUDA_VISIBLE_DEVICES");  // no device is visible then, whatever the machine has
     const temporary_directory run;
     snp_files files(30);
     files.options = "!miraculix_gpu 3\n";

@@ -17,10 +17,6 @@ void plink2compressed(const std::uint8_t* plink, const std::uint8_t* plinktransp
                       compressed_store** compressed) {
     const option_pair& options = WhichOptionList();
     check(compressed != nullptr, "plink2compressed");
-    if (options.genetics.tuning.gpu) {
-        plink2gpu(plink, plinktransposed, snps, individuals, freq, maxn, compressed);
-        return;
-    }
     if (snps < 1 || individuals < 1)
         severe_error("plink2compressed", "There are " + std::to_string(snps) + " SNPs and " +
                                              std::to_string(individuals) +
@@ -28,7 +24,15 @@ void plink2compressed(const std::uint8_t* plink, const std::uint8_t* plinktransp
     check(plink != nullptr, "plink2compressed");
     const double* const caller_freq = options.genetics.use_caller_freq ? freq : nullptr;
     check(caller_freq != nullptr || !options.genetics.use_caller_freq, "plink2compressed");
-    *compressed = plinkToSxI(plink, snps, individuals, caller_freq, thread_count()).release();
+    if (!options.genetics.tuning.gpu) {
+        *compressed = plinkToSxI(plink, snps, individuals, caller_freq, thread_count()).release();
+        return;
+    }
+    try {
+        *compressed = plink2gpu(plink, plinktransposed, snps, individuals, caller_freq, maxn).release();
+    } catch (const std::bad_alloc&) {
+        severe_error("plink2compressed", "Not enough memory for the object on the GPU.");
+    }
 }
 
 void dgemm_compressed(char trans, const compressed_store* compressed, std::int32_t n, const double* b,
@@ -36,10 +40,6 @@ void dgemm_compressed(char trans, const compressed_store* compressed, std::int32
     const option_type& options = WhichOptionList().genetics;
     const bool transposed = is(trans);
     const bool centre = options.do_center != 0;
-    if (options.tuning.gpu) {
-        dgemm_compressed_gpu(transposed, compressed, n, b, ldb, centre, options.normalize, c, ldc);
-        return;
-    }
     check(compressed != nullptr, "dgemm_compressed");
     check(n >= 0, "dgemm_compressed");
     if (n == 0) return;
@@ -51,6 +51,11 @@ void dgemm_compressed(char trans, const compressed_store* compressed, std::int32
 
     const auto product = transposed ? genoVector5api : vectorGeno_means_double;
     try {
+        // The object tells where the genotypes are: effects on the CPU and on the GPU may stand in one model.
+        if (compressed->gpu) {
+            dgemm_compressed_gpu(transposed, *compressed, n, b, ldb, centre, options.normalize, c, ldc);
+            return;
+        }
         product(select_genovector5(options.tuning.float_precision), *compressed, n, b, ldb, c, ldc, centre,
                 thread_count());
     } catch (const std::bad_alloc&) {

@@ -10,13 +10,13 @@
 /// it cannot do with `zendar::fatal_error`, whose status is 1 or 99. Calls must not overlap in time.
 namespace miraculix {
 
-/// Both orientations of one genotype matrix and the allele frequencies. Made by `plink2compressed`, released
-/// by `free_compressed`.
+/// Both orientations of one genotype matrix and the allele frequencies, on the host or on a GPU. Made by
+/// `plink2compressed`, released by `free_compressed`.
 struct compressed_store;
 
 /// Sets all options. Mind that 0 means yes for `ignore`, `docenter` and `usefreq`.
 ///
-/// @param usegpu          not 0: the products run on the GPU.
+/// @param usegpu          not 0: the objects that are made from now on, and their products, are on the GPU.
 /// @param cores           threads of all parallel regions; 0: as the environment variable OMP_NUM_THREADS
 /// says.
 /// @param floatprecision  0 double, above 0 tables in single precision, below 0 extended precision.
@@ -43,7 +43,7 @@ void setOptions_compressed(std::int32_t usegpu, std::int32_t cores, std::int32_t
 /// @param maxn             the number of columns that products will usually have. More are possible.
 /// @param compressed       out, the new object. Unchanged when an error is thrown.
 /// @throws zendar::fatal_error  status 1: sizes below 1, null pointers, memory lacking, a GPU asked for
-///                              although the program was built without.
+///                              although the program was built without or none answers.
 void plink2compressed(const std::uint8_t* plink, const std::uint8_t* plinktransposed, std::int32_t snps,
                       std::int32_t individuals, const double* freq, std::int32_t maxn,
                       compressed_store** compressed);
@@ -65,7 +65,7 @@ void free_compressed(compressed_store** compressed);
 /// Writes the `snps` frequencies of the object to `freq`.
 void get_compressed_freq(const compressed_store* compressed, double* freq);
 
-/// Bytes of both orientations and the frequencies.
+/// Bytes of both orientations and the frequencies, as far as they are in the memory of the host.
 [[nodiscard]] std::int64_t memory_of(const compressed_store* compressed);
 
 }  // namespace miraculix

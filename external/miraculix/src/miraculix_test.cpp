@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "genotype_sample.hpp"
+#include "gpu_state.hpp"
 #include "modfatal.hpp"
 #include "options.hpp"
 
@@ -34,8 +35,8 @@ class Miraculix : public testing::Test {
         plink2compressed(plink.data(), nullptr, static_cast<std::int32_t>(g.snps),
                          static_cast<std::int32_t>(g.individuals), freq, maxn, &store_);
     }
-    /// Message and status of what ends the run; each is printed on standard error first.
-    static std::pair<std::string, int> end_of(const auto& action) {
+    /// Message and status of what ends the run; each is printed on standard error first, behind what else is.
+    static std::pair<std::string, int> end_of(const auto& action, const std::string& printed_before = "") {
         std::pair<std::string, int> end{"", 0};
         testing::internal::CaptureStderr();
         try {
@@ -43,7 +44,8 @@ class Miraculix : public testing::Test {
         } catch (const zendar::fatal_error& error) {
             end = {error.what(), error.status()};
         }
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), end.second == 0 ? "" : end.first + "\n");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  printed_before + (end.second == 0 ? "" : end.first + "\n"));
         return end;
     }
 
@@ -225,31 +227,64 @@ TEST_F(Miraculix, RefusesToSubtractMeans) {
     }
 }
 
-TEST_F(Miraculix, SaysThatThereIsNoGpu) {
+/// What the object of the GPU path prints before the library stops.
+std::string printed_by_gpu() {
+    return gpu::test::object_is_built() ? gpu::test::reason_without_visible_devices() + "\n" : "";
+}
+
+bool is_end_without_gpu(const std::string& message) {
+    const std::string reason = gpu::test::reason_without_visible_devices();
+    if (!gpu::test::object_is_built())
+        return message.starts_with(
+                   "Severe error occured in function 'plink2gpu' (file 'gpu_library.cpp', line ") &&
+               message.ends_with("). " + reason);
+    return message.starts_with(
+               "Severe error occured in function 'plink2gpu' (file 'dgemm_compressed.cpp', line ") &&
+           message.ends_with("). The GPU failed: " + reason);
+}
+
+TEST_F(Miraculix, SaysWhyThereIsNoGpu) {
+    const gpu::test::environment_value hidden("CUDA_VISIBLE_DEVICES", nullptr);
     const std::vector<std::uint8_t> plink = two_snps().plink();
-    const std::string text = "The GPU was asked for, but this program was built without GPU support.";
-    double b[4] = {}, c[4];
     set_options(0, 0, 0, 0, 1);
+    testing::internal::CaptureStdout();
 
-    const auto made = end_of([&] { plink2compressed(plink.data(), nullptr, 2, 4, freq_of_two, 1, &store_); });
-    EXPECT_EQ(made.second, 1);
-    EXPECT_THAT(made.first,
-                HasSubstr("Severe error occured in function 'plink2gpu' (file 'nocuda.cpp', line "));
-    EXPECT_THAT(made.first, HasSubstr(text));
+    const auto end =
+        end_of([&] { plink2compressed(plink.data(), plink.data(), 2, 4, freq_of_two, 1, &store_); },
+               printed_by_gpu());
 
-    const auto multiplied = end_of([&] { dgemm_compressed('T', store_, 1, b, 4, c, 2); });
-    EXPECT_EQ(multiplied.second, 1);
-    EXPECT_THAT(multiplied.first, HasSubstr(text));
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(end.second, 1);
+    EXPECT_TRUE(is_end_without_gpu(end.first)) << end.first;
+    EXPECT_EQ(store_, nullptr);
+    EXPECT_EQ(out.find("\tmiraculix - libdgemmcuda\n") != std::string::npos, gpu::test::object_is_built());
 }
 
 TEST_F(Miraculix, StartsWithTheGpuWhenNoOptionsWereSet) {
+    const gpu::test::environment_value hidden("CUDA_VISIBLE_DEVICES", nullptr);
     const std::vector<std::uint8_t> plink = two_snps().plink();
     forget_options();
+    testing::internal::CaptureStdout();
 
-    const auto end = end_of([&] { plink2compressed(plink.data(), nullptr, 2, 4, freq_of_two, 1, &store_); });
+    const auto end =
+        end_of([&] { plink2compressed(plink.data(), plink.data(), 2, 4, freq_of_two, 1, &store_); },
+               printed_by_gpu());
 
+    testing::internal::GetCapturedStdout();
     EXPECT_EQ(end.second, 1);
-    EXPECT_THAT(end.first, HasSubstr("built without GPU support"));
+    EXPECT_TRUE(is_end_without_gpu(end.first)) << end.first;
+}
+
+/// An effect on the CPU stays there when a later one has asked for the GPU.
+TEST_F(Miraculix, MultipliesAnObjectWhereItIs) {
+    build(two_snps(), freq_of_two);
+    set_options(0, 0, 0, 0, 1);
+    const double a[2] = {4, 1};
+    double c[4];
+
+    dgemm_compressed('N', store_, 1, a, 2, c, 4);
+
+    EXPECT_THAT(c, ElementsAre(8 - 3, 6 - 3, 1 - 3, 1 - 3));
 }
 
 }  // namespace

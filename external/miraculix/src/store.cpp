@@ -88,6 +88,7 @@ std::unique_ptr<compressed_store> plinkToSxI(const std::uint8_t* plink, std::int
                              individuals,
                              coded_matrix(coding_type::five_codes8, individuals, snps),
                              coded_matrix(coding_type::five_codes8_T, snps, individuals),
+                             {},
                              {}});
         fill_five_codes(plink, store->five, cores);
         fill_five_codes_transposed(plink, *store->transposed, cores);

@@ -67,12 +67,20 @@ class coded_matrix {
     std::uint8_t* data_ = nullptr;
 };
 
+namespace gpu {
+struct gpu_record;
+}
+struct gpu_release {
+    void operator()(gpu::gpu_record* record) const;
+};
+
 struct compressed_store {
     std::int32_t snps;
     std::int32_t individuals;
-    coded_matrix five;                       ///< coding 5
+    coded_matrix five;                       ///< coding 5; empty when the genotypes are on the GPU
     std::optional<coded_matrix> transposed;  ///< coding 28
     std::vector<long double> freq;           ///< frequencies of the second allele, one for each SNP
+    std::unique_ptr<gpu::gpu_record, gpu_release> gpu;  ///< the genotypes on the GPU, or null
 };
 
 /// Both orientations and the frequencies of a PLINK matrix, see `plink2compressed`. `freq` is null when the
