@@ -110,6 +110,7 @@ struct param_type {
     bool precondzaaaz = false;
     bool printprecond = false;
     bool lquorlen = false;
+    bool plotsolutions = false;
     bool solstream = false;
     bool thread_effect = false;
     bool lstructprecond = false;

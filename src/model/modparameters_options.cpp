@@ -16,14 +16,14 @@ namespace {
 
 /// The order of the manual and of written files, by the first keyword of each row.
 constexpr std::string_view option_order[] = {
-    "acrosseff",    "allelefreq",      "andeffect",     "alpha",       "beta",
-    "checkpd",      "combieff",        "computeeigen",  "gapy",        "gima22i",
-    "ktamatrix",    "miraculix",       "miraculix_gpu", "quorlen",     "nphen",
-    "no_beta_snp",  "notuseasparse",   "omega",         "outputdir",   "phendev",
-    "precondzaaaz", "printprecond",    "priormean",     "providedrhs", "pvalue",
-    "qptransfo",    "structprecond",   "sum2pq",        "sumeffect",   "solstream",
-    "tamatrix",     "tamatrix_blocks", "tageno",        "tau",         "thread_effect",
-    "useasparse",   "weightupg",       "yhat"};
+    "acrosseff",     "allelefreq",    "andeffect",       "alpha",     "beta",
+    "checkpd",       "combieff",      "computeeigen",    "gapy",      "gima22i",
+    "ktamatrix",     "miraculix",     "miraculix_gpu",   "quorlen",   "nphen",
+    "no_beta_snp",   "notuseasparse", "omega",           "outputdir", "phendev",
+    "plotsolutions", "precondzaaaz",  "printprecond",    "priormean", "providedrhs",
+    "pvalue",        "qptransfo",     "structprecond",   "sum2pq",    "sumeffect",
+    "solstream",     "tamatrix",      "tamatrix_blocks", "tageno",    "tau",
+    "thread_effect", "useasparse",    "weightupg",       "yhat"};
 
 std::vector<detail::model_option> ordered_options() {
     std::vector<detail::model_option> rows;

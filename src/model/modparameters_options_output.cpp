@@ -126,6 +126,12 @@ std::vector<model_option> output_options() {
              "hat).",
              "Effect included in the phenotype deviations: "},
             "Only the residual will be included in the phenotype deviations!", &param_type::phendev),
+        flag({"plotsolutions"},
+             {"!plotsolutions",
+              "Draws histograms of the solutions, one for each effect and trait, to solutions.png, by "
+              "gnuplot.",
+              "Histograms of the solutions will be drawn to solutions.png, if gnuplot is installed"},
+             &param_type::plotsolutions),
         flag({"printprecond"},
              {"!printprecond", "Will save the preconditioner and its inverse in a file",
               "Will save the preconditioner and its inverse in a file"},

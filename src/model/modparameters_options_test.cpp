@@ -138,6 +138,10 @@ const taken_line taken_lines[] = {
      [](P p) {
          return p.phendev == flags{1, 0, 1, 0};
      }},
+    {"!plotsolutions",
+     {"Histograms of the solutions will be drawn to solutions.png, if gnuplot is installed"},
+     "!plotsolutions",
+     [](P p) { return p.plotsolutions; }},
     {"!precondzaaaz",
      {"Computation of diag(ZAAAZ) (if applicable)."},
      "!precondzaaaz",
@@ -319,6 +323,7 @@ TEST(ModelOptions, WithAWrongNumberOfWordsAreDropped) {
                                            "outputdir a b",
                                            "phendev 1 2 3",
                                            "phendev 0 1",
+                                           "plotsolutions 1",
                                            "precondzaaaz 1",
                                            "printprecond 1",
                                            "priormean",
@@ -410,13 +415,14 @@ TEST(ModelOptions, StandInTheOrderOfTheManual) {
     std::vector<std::string> keywords;
     for (const auto& entry : detail::model_options()) keywords.emplace_back(entry.keywords.front());
 
-    EXPECT_THAT(keywords, ElementsAre("acrosseff", "allelefreq", "andeffect", "alpha", "beta", "checkpd",
-                                      "combieff", "computeeigen", "gapy", "gima22i", "ktamatrix", "miraculix",
-                                      "miraculix_gpu", "quorlen", "nphen", "no_beta_snp", "notuseasparse",
-                                      "omega", "outputdir", "phendev", "precondzaaaz", "printprecond",
-                                      "priormean", "providedrhs", "pvalue", "qptransfo", "structprecond",
-                                      "sum2pq", "sumeffect", "solstream", "tamatrix", "tamatrix_blocks",
-                                      "tageno", "tau", "thread_effect", "useasparse", "weightupg", "yhat"));
+    EXPECT_THAT(
+        keywords,
+        ElementsAre("acrosseff", "allelefreq", "andeffect", "alpha", "beta", "checkpd", "combieff",
+                    "computeeigen", "gapy", "gima22i", "ktamatrix", "miraculix", "miraculix_gpu", "quorlen",
+                    "nphen", "no_beta_snp", "notuseasparse", "omega", "outputdir", "phendev", "plotsolutions",
+                    "precondzaaaz", "printprecond", "priormean", "providedrhs", "pvalue", "qptransfo",
+                    "structprecond", "sum2pq", "sumeffect", "solstream", "tamatrix", "tamatrix_blocks",
+                    "tageno", "tau", "thread_effect", "useasparse", "weightupg", "yhat"));
 }
 
 TEST(ReadModelOptions, LogsAFrameAroundTheOptions) {

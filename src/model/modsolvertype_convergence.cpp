@@ -1,6 +1,4 @@
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,9 +6,8 @@
 
 #include "modbasic.hpp"
 #include "modfile.hpp"
+#include "modplot.hpp"
 #include "modsolvertype_control.hpp"
-
-extern char** environ;  // NOLINT: of the C library
 
 namespace zendar {
 
@@ -35,27 +32,6 @@ std::string columns(std::span<const double> values) {
 
 std::string row_start(std::int32_t i) {
     return "   Iteration " + format_int(i, "i6");
-}
-
-/// Runs a program without a shell, silently, and waits for it. Its success is of no interest.
-void run_silently(std::vector<std::string> words) {
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-
-    posix_spawn_file_actions_t files;
-    if (posix_spawn_file_actions_init(&files) != 0) return;
-    const bool silent =
-        posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
-        posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0) == 0 &&
-        posix_spawn_file_actions_addopen(&files, STDERR_FILENO, "/dev/null", O_WRONLY, 0) == 0;
-    pid_t child = 0;
-    if (silent && posix_spawnp(&child, arguments[0], &files, nullptr, arguments.data(), environ) == 0) {
-        int status = 0;
-        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-        }
-    }
-    posix_spawn_file_actions_destroy(&files);
 }
 
 }  // namespace
@@ -153,7 +129,7 @@ void convergence_graph::draw(std::int32_t iter) const {
         out.write(convergence_graph_script(directory_));
         if (out.commit()) return;
     }
-    run_silently({"gnuplot", script});
+    run_gnuplot(script);
 }
 
 void convergence_graph::draw(std::int32_t iter, std::int32_t period) {

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "captured_log.hpp"
+#include "gnuplot_path.hpp"
 #include "modsolvertype_control.hpp"
 #include "temporary_directory.hpp"
 
@@ -105,10 +106,6 @@ TEST_F(RowFile, WarnsOnceOfADiskThatIsFull) {
     EXPECT_EQ(log_.text(), "WARN: Cannot write the file /dev/full: No space left on device\n");
 }
 
-bool have_gnuplot() {
-    return std::system("gnuplot --version > /dev/null 2>&1") == 0;
-}
-
 TEST(ConvergenceGraphScript, IsReadByGnuplot) {
     const std::string script =
         "set term pngcairo size 1000,750 enhanced \n"
@@ -177,7 +174,7 @@ TEST_F(ConvergenceGraph, IsSilentWhenItCannotBeDrawn) {
 }
 
 TEST_F(ConvergenceGraph, IsAPicture) {
-    if (!have_gnuplot()) GTEST_SKIP() << "gnuplot is not installed";
+    if (!test::have_gnuplot()) GTEST_SKIP() << "gnuplot is not installed";
     std::filesystem::create_directory("out");
     test::captured_log log;
     row_file rows("out/convergence.dat", log);

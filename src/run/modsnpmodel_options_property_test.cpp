@@ -51,6 +51,7 @@ class random_options {
                                                                    "outputdir D",
                                                                    "phendev",
                                                                    "phendev L",
+                                                                   "plotsolutions",
                                                                    "precondzaaaz",
                                                                    "printprecond",
                                                                    "priormean F",

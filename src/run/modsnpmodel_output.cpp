@@ -1,4 +1,5 @@
 #include "modenum.hpp"
+#include "modgeneral_plot.hpp"
 #include "modphenanalysis.hpp"
 #include "modsnpmodel.hpp"
 #include "modstats.hpp"
@@ -52,6 +53,8 @@ void output(run_state& run) {
         if (laggregate)
             writeoutputstream_real8(param, run.aggregatesolutions, "aggregate_solutions.stream", log);
     }
+    if (param.plotsolutions)
+        plot_solutions(param, param.lquorlen && laggregate ? run.aggregatesolutions : run.solutions, log);
     // The solvers on data keep no right-hand side here, except the Chebyshev iteration.
     const std::int32_t code = param.solver.solver;
     if (code != code_pcg_iod && code != code_dpcg_iod && code != code_dpcg_iod_real)
