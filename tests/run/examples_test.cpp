@@ -2,13 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <optional>
 #include <regex>
 #include <sstream>
 
 #include "data_sets.hpp"
-#include "program_run.hpp"
+#include "page.hpp"
 
 /// Every folder of `examples`: the commands of its page are run as they stand there, the answers are compared
 /// as its `answers.txt` says, and what the page shows must be what the commands print.
@@ -28,92 +27,6 @@ std::vector<std::string> folders() {
         if (entry.is_directory()) names.push_back(entry.path().filename().string());
     std::ranges::sort(names);
     return names;
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-std::string content(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::vector<std::string> words_in(const std::string& line) {
-    std::istringstream in(line);
-    return {std::istream_iterator<std::string>(in), {}};
-}
-
-std::optional<double> number(const std::string& word) {
-    char* end = nullptr;
-    const double value = std::strtod(word.c_str(), &end);
-    return word.empty() || *end != '\0' ? std::nullopt : std::optional(value);
-}
-
-// ---- pages
-// ---------------------------------------------------------------------------------------------------------
-
-/// A block of commands with what is shown of its output.
-struct command_block {
-    std::vector<std::string> commands, shown;
-};
-
-/// The blocks of a page; a fault of the page is added to `faults`.
-std::vector<command_block> read_page(const std::string& text, std::vector<std::string>& faults) {
-    static const std::regex program("(^ *(\\$ *)?|`)zendar(-matrices|-simulate)? .*");
-    std::vector<command_block> blocks;
-    std::string kind;
-    bool continues = false;
-    for (const std::string& line : lines_of(text)) {
-        if (line.starts_with("```")) {
-            const std::string opens = line.substr(3);
-            if (kind.empty() && opens == "sh") blocks.emplace_back();
-            if (kind.empty() && opens != "sh" && opens != "text")
-                faults.push_back("block of no kind: " + line);
-            if (kind.empty() && opens == "text" && blocks.empty()) faults.push_back("output before commands");
-            kind = kind.empty() ? opens : "";
-        } else if (kind == "sh") {
-            if (continues)
-                blocks.back().commands.back() += "\n" + line;
-            else
-                blocks.back().commands.push_back(line);
-            continues = line.ends_with('\\');
-        } else if (kind == "text" && !blocks.empty()) {
-            if (!line.empty()) blocks.back().shown.push_back(line);
-        } else if (std::regex_search(line, program)) {
-            faults.push_back("command outside of a block: " + line);
-        }
-    }
-    if (!kind.empty()) faults.emplace_back("block without an end");
-    return blocks;
-}
-
-/// Words are the same, numbers to the five digits that do not depend on the machine.
-bool same_line(const std::string& shown, const std::string& printed) {
-    const auto a = words_in(shown), b = words_in(printed);
-    if (a.size() != b.size()) return false;
-    for (std::size_t k = 0; k < a.size(); ++k) {
-        const auto x = number(a[k]), y = number(b[k]);
-        if (a[k] != b[k] && !(x && y && std::abs(*x - *y) <= 2e-5 * std::abs(*x))) return false;
-    }
-    return true;
-}
-
-/// The first shown line that is not printed, in this order; empty when all are.
-std::string not_printed(const std::vector<std::string>& shown, const std::string& output) {
-    const auto printed = lines_of(output);
-    auto at = printed.begin();
-    for (const std::string& line : shown) {
-        at = std::find_if(at, printed.end(), [&](const std::string& p) { return same_line(line, p); });
-        if (at == printed.end()) return line;
-        ++at;
-    }
-    return {};
 }
 
 // ---- answers
@@ -214,21 +127,6 @@ std::vector<std::string> differences(const std::filesystem::path& folder, const 
 // ---- runs
 // ----------------------------------------------------------------------------------------------------------
 
-/// The programs of this build, by their names.
-void set_path() {
-    const std::string bin = std::filesystem::path(ZENDAR_BINARY).parent_path().string(),
-                      path = std::getenv("PATH") == nullptr ? "" : std::getenv("PATH");
-    if (!path.starts_with(bin + ":")) setenv("PATH", (bin + ":" + path).c_str(), 1);
-}
-
-/// A command of a page; every program of a pipe must end well, but one that a later one stopped listening to.
-program_result run_command(const std::filesystem::path& folder, const std::string& command) {
-    set_path();
-    const std::string check =
-        "\nfor s in \"${PIPESTATUS[@]}\"; do [ $s = 0 ] || [ $s = 141 ] || exit $s; done\n";
-    return run_program(folder, {"-c", command + check}, "/bin/bash");
-}
-
 /// The instruction file of a command that starts the solver.
 std::optional<std::string> instruction_file(const std::string& command) {
     static const std::regex solver("(^|&& |; )zendar +([^ ]+)");
@@ -249,7 +147,7 @@ class Examples : public ::testing::TestWithParam<std::string> {
             std::filesystem::remove(run_ / "OK_ZENDAR");
             for (const answer& a : answers_) std::filesystem::remove(run_ / a.output);
         }
-        const auto result = run_command(run_.path(), command);
+        const auto result = page_shell(run_.path()).run(command);
         EXPECT_EQ(result.status, 0) << result.out << result.error;
         if (par) {
             EXPECT_TRUE(run_.exists("OK_ZENDAR"));
@@ -275,6 +173,7 @@ TEST_P(Examples, DoWhatTheirPagesSay) {
     std::size_t shown = 0;
 
     for (const command_block& block : blocks) {
+        EXPECT_EQ(block.not_run, "");
         std::string output;
         for (const std::string& command : block.commands) output += run(command);
         EXPECT_EQ(not_printed(block.shown, output), "") << "is shown, but not printed:\n" << output;
@@ -306,7 +205,7 @@ TEST(ExamplesPage, ListsEveryFolderAndRuns) {
 
     for (const command_block& block : blocks)
         for (const std::string& command : block.commands)
-            EXPECT_EQ(run_command(directory.path(), command).status, 0) << command;
+            EXPECT_EQ(page_shell(directory.path()).run(command).status, 0) << command;
 
     EXPECT_TRUE(directory.exists("trial/OK_ZENDAR"));
     EXPECT_TRUE(directory.exists("simulated/OK_ZENDAR"));
@@ -378,11 +277,11 @@ TEST(ExamplesComparison, ReadsPages) {
 
 TEST(ExamplesComparison, NoticesCommandsThatFail) {
     const temporary_directory directory;
-    EXPECT_EQ(run_command(directory.path(), "true | cat").status, 0);
-    EXPECT_EQ(run_command(directory.path(), "yes | head -n 1").status, 0);
-    EXPECT_NE(run_command(directory.path(), "false | cat").status, 0);
-    EXPECT_NE(run_command(directory.path(), "zendar none.par | cat").status, 0);
-    EXPECT_NE(run_command(directory.path(), "zendar-simulate").status, 0);
+    EXPECT_EQ(page_shell(directory.path()).run("true | cat").status, 0);
+    EXPECT_EQ(page_shell(directory.path()).run("yes | head -n 1").status, 0);
+    EXPECT_NE(page_shell(directory.path()).run("false | cat").status, 0);
+    EXPECT_NE(page_shell(directory.path()).run("zendar none.par | cat").status, 0);
+    EXPECT_NE(page_shell(directory.path()).run("zendar-simulate").status, 0);
 }
 
 }  // namespace
