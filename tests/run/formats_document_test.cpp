@@ -24,6 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 const fs::path tree = ZENDAR_SOURCE_DIR;
@@ -685,6 +686,20 @@ TEST(DevelopersPage, HasTheTargetsOfTheBuild) {
     }
     EXPECT_GT(built.size(), 10U);
     EXPECT_EQ(shown, built);
+}
+
+TEST(DevelopersPage, NamesOwnersThatAreInTheirHeaders) {
+    const std::regex row(R"(\| [^|]+ \| `(\w+)` \| `(src/[^`]+)` \|)");
+    int owners = 0;
+    for (const std::string& line : lines_of(content(tree / "docs/developers.md"))) {
+        std::smatch parts;
+        if (!std::regex_match(line, parts, row)) continue;
+        ++owners;
+        EXPECT_THAT(matches(content(tree / parts.str(2)), "(struct|class) " + parts.str(1) + "\\b"),
+                    Not(IsEmpty()))
+            << line;
+    }
+    EXPECT_GT(owners, 10);
 }
 
 }  // namespace
