@@ -8,6 +8,7 @@
 #include <regex>
 #include <set>
 
+#include "byte_table.hpp"
 #include "captured_log.hpp"
 #include "data_sets.hpp"
 #include "modparameters.hpp"
@@ -17,44 +18,16 @@
 #include "program_run.hpp"
 
 /// docs/formats.md beside the sources and the files that the programs write: the byte tables of the page are
-/// what takes these apart. Also the paths in the other documents for developers.
+/// what takes these apart.
 namespace zendar {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
-
-const fs::path tree = ZENDAR_SOURCE_DIR;
-
-std::string content(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
-std::vector<std::string> matches(const std::string& text, const std::string& pattern, std::size_t group = 1) {
-    const std::regex expression(pattern);
-    std::vector<std::string> found;
-    for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
-        found.push_back(at->str(group));
-    return found;
-}
-
-const std::string& page() {
-    static const std::string text = content(tree / "docs/formats.md");
-    return text;
-}
 
 // ---- file names of the sources
 // ----------------------------------------------------------------------------
@@ -148,155 +121,6 @@ TEST(FormatsPage, HasEveryFileNameOfTheSources) {
 }
 
 // ---- byte tables
-// ------------------------------------------------------------------------------------------
-
-using known_values = std::map<std::string, std::int64_t>;
-
-/// Sums, differences, products (also without a sign) and ceil(a / b) of whole numbers and names.
-class expression {
-  public:
-    expression(const std::string& text, const known_values& known) : text_(text), known_(known) {}
-
-    std::int64_t value() {
-        const double result = sum();
-        if (peek() != '\0' || result != std::floor(result)) fail();
-        return static_cast<std::int64_t>(result);
-    }
-
-  private:
-    char peek() {
-        while (at_ < text_.size() && text_[at_] == ' ') ++at_;
-        return at_ < text_.size() ? text_[at_] : '\0';
-    }
-    bool take(char c) {
-        if (peek() != c) return false;
-        ++at_;
-        return true;
-    }
-    [[noreturn]] void fail() const { throw std::runtime_error("not understood: " + text_); }
-
-    double sum() {
-        double result = product();
-        while (peek() == '+' || peek() == '-') result += take('+') ? product() : (++at_, -product());
-        return result;
-    }
-    double product() {
-        double result = factor();
-        for (char c = peek(); c == '(' || c == '/' || std::isalnum(static_cast<unsigned char>(c)) != 0;
-             c = peek())
-            if (take('/'))
-                result /= factor();
-            else
-                result *= factor();
-        return result;
-    }
-    double factor() {
-        if (take('(')) {
-            const double result = sum();
-            if (!take(')')) fail();
-            return result;
-        }
-        std::string word;
-        for (char c = peek(); at_ < text_.size() && std::isalnum(static_cast<unsigned char>(c)) != 0;
-             c = at_ < text_.size() ? text_[at_] : ' ') {
-            word += c;
-            ++at_;
-        }
-        if (word.empty()) fail();
-        if (std::isdigit(static_cast<unsigned char>(word[0])) != 0) return std::stod(word);
-        if (word == "ceil") return std::ceil(factor());
-        if (!known_.contains(word)) throw std::runtime_error(word + " is not known: " + text_);
-        return static_cast<double>(known_.at(word));
-    }
-
-    const std::string& text_;
-    const known_values& known_;
-    std::size_t at_ = 0;
-};
-
-struct table_line {
-    std::string offset, bytes, type, name;
-};
-
-/// The table behind the line "Bytes of <title>:".
-std::vector<table_line> byte_table(const std::string& title) {
-    std::vector<table_line> table;
-    const std::vector<std::string> lines = lines_of(page());
-    auto line = std::ranges::find(lines, "Bytes of " + title + ":");
-    if (line == lines.end() || lines.end() - line < 5 || *(line + 2) != "| offset | bytes | type | content |")
-        throw std::runtime_error("docs/formats.md has no table of the bytes of " + title);
-    const std::regex row(R"(\| ([^|]+) \| ([^|]+) \| (\w+) \| `(\w+)`.*\|)");
-    for (line += 4; line != lines.end() && line->starts_with('|'); ++line) {
-        std::smatch parts;
-        if (!std::regex_match(*line, parts, row)) throw std::runtime_error("a bad row: " + *line);
-        table.push_back({parts[1], parts[2], parts[3], parts[4]});
-    }
-    return table;
-}
-
-std::int64_t size_of_type(const std::string& type) {
-    static const std::map<std::string, std::int64_t> sizes = {
-        {"uint8", 1}, {"int32", 4}, {"int64", 8}, {"float64", 8}, {"row", 1}};
-    return sizes.at(type);
-}
-
-/// A file, or a row of one, by its table.
-class taken_apart {
-  public:
-    taken_apart(const std::string& title, std::string bytes, known_values known = {})
-        : title_(title), bytes_(std::move(bytes)), known_(std::move(known)) {
-        std::int64_t end = 0;
-        for (const table_line& line : byte_table(title)) {
-            const std::int64_t offset = expression(line.offset, known_).value(),
-                               size = expression(line.bytes, known_).value();
-            if (offset != end || size < 0 || offset + size > std::ssize(bytes_) ||
-                size % size_of_type(line.type) != 0)
-                throw std::runtime_error(title + ": " + line.name + " stands at " + std::to_string(offset) +
-                                         " of " + std::to_string(bytes_.size()) + " bytes, not at " +
-                                         std::to_string(end));
-            end = offset + size;
-            items_[line.name] = {
-                line.type, bytes_.substr(static_cast<std::size_t>(offset), static_cast<std::size_t>(size))};
-            if (line.type == "int32" && size == 4) known_[line.name] = value<std::int32_t>(line.name);
-            if (line.type == "int64" && size == 8) known_[line.name] = value<std::int64_t>(line.name);
-        }
-        if (end != std::ssize(bytes_))
-            throw std::runtime_error(title + ": " + std::to_string(bytes_.size()) + " bytes, but " +
-                                     std::to_string(end) + " in the table");
-    }
-
-    template <class T>
-    [[nodiscard]] std::vector<T> values(const std::string& name) const {
-        const auto& [type, bytes] = items_.at(name);
-        const std::string wanted = std::is_same_v<T, double>         ? "float64"
-                                   : std::is_same_v<T, std::uint8_t> ? "uint8"
-                                   : sizeof(T) == 4                  ? "int32"
-                                                                     : "int64";
-        if (type != wanted) throw std::runtime_error(title_ + ": " + name + " is no " + wanted);
-        std::vector<T> result(bytes.size() / sizeof(T));
-        std::memcpy(result.data(), bytes.data(), bytes.size());
-        return result;
-    }
-    template <class T>
-    [[nodiscard]] T value(const std::string& name) const {
-        return values<T>(name).at(0);
-    }
-    /// The rows of a block, all of one size.
-    [[nodiscard]] std::vector<taken_apart> rows(const std::string& name, std::int64_t n) const {
-        const auto& [type, bytes] = items_.at(name);
-        if (type != "row") throw std::runtime_error(title_ + ": " + name + " are no rows");
-        const std::size_t size = bytes.size() / static_cast<std::size_t>(n);
-        std::vector<taken_apart> result;
-        for (std::size_t at = 0; at < bytes.size(); at += size)
-            result.emplace_back("a row of " + title_, bytes.substr(at, size), known_);
-        return result;
-    }
-
-  private:
-    std::string title_, bytes_;
-    known_values known_;
-    std::map<std::string, std::pair<std::string, std::string>> items_;  ///< type and bytes
-};
 
 TEST(ByteTables, AreUnderstood) {
     const known_values known = {{"n", 5}, {"m", 3}};
@@ -631,75 +455,6 @@ TEST_F(FilesOfPrograms, Coefficients) {
         EXPECT_EQ(getvalue(cov, 4, k), 0.25 * (k - 1));
         EXPECT_EQ(getvalue(cov, 3, k), 1.0 + 0.25 * (k - 1));
     }
-}
-
-// ---- documents for developers
-// ------------------------------------------------------------------------------
-
-/// A file, a folder, or at least one file of a pattern with "*".
-bool exists_in_tree(const std::string& path) {
-    if (path.find('*') == std::string::npos) return fs::exists(tree / path);
-    const fs::path folder = (tree / path).parent_path();
-    const std::string pattern =
-        std::regex_replace(fs::path(path).filename().string(), std::regex("\\*"), "[^/]*");
-    if (!fs::is_directory(folder)) return false;
-    return std::ranges::any_of(fs::directory_iterator(folder), [&](const auto& entry) {
-        return std::regex_match(entry.path().filename().string(), std::regex(pattern));
-    });
-}
-
-TEST(DocumentsForDevelopers, NamePathsThatExist) {
-    EXPECT_FALSE(exists_in_tree("src/no_such_folder/*.cpp"));
-    EXPECT_FALSE(exists_in_tree("src/run/no_such_*.cpp"));
-    for (const std::string document : {"docs/developers.md", "docs/methods.md"}) {
-        const std::vector<std::string> paths =
-            matches(content(tree / document),
-                    "`((?:src|external|tests|bench|fuzz|docs|scripts|cmake|packaging|examples)/[^` ]*)`");
-        EXPECT_GT(paths.size(), 40U) << document;
-        for (const std::string& path : paths) EXPECT_TRUE(exists_in_tree(path)) << document << ": " << path;
-    }
-}
-
-TEST(DevelopersPage, HasTheFolderOfEveryHeader) {
-    const std::string text = content(tree / "docs/developers.md");
-    for (const auto& entry : fs::recursive_directory_iterator(tree / "src")) {
-        if (entry.path().extension() != ".hpp") continue;
-        const fs::path path = fs::relative(entry.path(), tree);
-        EXPECT_TRUE(text.find("`" + path.string() + "`") < text.size() ||
-                    text.find("`" + path.parent_path().string() + "`") < text.size())
-            << "docs/developers.md lacks " << path;
-    }
-}
-
-TEST(DevelopersPage, HasTheTargetsOfTheBuild) {
-    std::set<std::string> built, shown;
-    for (const char* file : {"src/CMakeLists.txt", "external/miraculix/CMakeLists.txt"}) {
-        const std::string build = content(tree / file);
-        const std::regex target(R"(zendar_library\((\w+) FOLDER (\w+)(?: MAY_INCLUDE ([a-z_ ]+))? SOURCES)");
-        for (std::sregex_iterator at(build.begin(), build.end(), target), end; at != end; ++at)
-            built.insert(at->str(1) + ": " + at->str(3));
-    }
-    for (const std::string& line : lines_of(content(tree / "docs/developers.md"))) {
-        std::smatch parts;
-        if (std::regex_match(line, parts, std::regex(R"(\| `zendar_(\w+)` \| [^|]+ \| ([a-z_ ]*?) ?\|)")))
-            shown.insert(parts.str(1) + ": " + parts.str(2));
-    }
-    EXPECT_GT(built.size(), 10U);
-    EXPECT_EQ(shown, built);
-}
-
-TEST(DevelopersPage, NamesOwnersThatAreInTheirHeaders) {
-    const std::regex row(R"(\| [^|]+ \| `(\w+)` \| `(src/[^`]+)` \|)");
-    int owners = 0;
-    for (const std::string& line : lines_of(content(tree / "docs/developers.md"))) {
-        std::smatch parts;
-        if (!std::regex_match(line, parts, row)) continue;
-        ++owners;
-        EXPECT_THAT(matches(content(tree / parts.str(2)), "(struct|class) " + parts.str(1) + "\\b"),
-                    Not(IsEmpty()))
-            << line;
-    }
-    EXPECT_GT(owners, 10);
 }
 
 }  // namespace
