@@ -8,6 +8,7 @@
 #include <system_error>
 #include <variant>
 
+#include "modarguments.hpp"
 #include "modbasic.hpp"
 
 namespace zendar::matrices {
@@ -191,38 +192,14 @@ void check(const matrix_options& values, logger& log) {
         refuse(log, "The value of --beta must be above 0 for --ta and --k");
 }
 
-/// Lines of at most 78 characters behind an indentation.
-std::string wrapped(const std::string& text, const std::string& indentation) {
-    constexpr std::size_t width = 78;
-    std::string result, line;
-    for (const std::string_view word : words_of(text)) {
-        if (!line.empty() && indentation.size() + line.size() + 1 + word.size() > width) {
-            result += indentation + line + "\n";
-            line.clear();
-        }
-        line += (line.empty() ? "" : " ") + std::string(word);
-    }
-    return result + indentation + line + "\n";
-}
-
 }  // namespace
 
 matrix_options read_options(std::span<const std::string> words, logger& log) {
     matrix_options values;
-    std::set<std::string> seen;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        const std::string& word = words[i];
-        const auto* const row = std::ranges::find(rows, word, &option_row::name);
-        if (row == std::end(rows)) refuse(log, "The argument \"" + word + "\" is unknown" + try_help);
-        if (!seen.insert(word).second) refuse(log, "The argument \"" + word + "\" was given twice");
-        if (row->kind == flag) {
-            set(values, *row, {}, log);
-            continue;
-        }
-        if (i + 1 == words.size() || words[i + 1].starts_with("--") || trim(words[i + 1]).empty())
-            refuse(log, "The argument \"" + word + "\" needs a value");
-        set(values, *row, words[++i], log);
-    }
+    const std::set<std::string> seen = read_arguments(
+        words, rows, {"zendar-matrices", module_tag, procedure}, log,
+        [&](const option_row& row, const std::string& word) { set(values, row, word, log); },
+        [](const std::string&) { return false; });
     if (values.help) return values;
     values.lalpha = seen.contains("--alpha");
     if (!values.lalpha) values.alpha = 1.0 - values.beta;
@@ -231,27 +208,20 @@ matrix_options read_options(std::span<const std::string> words, logger& log) {
 }
 
 std::string usage() {
-    std::string text =
-        "usage: zendar-matrices --bfile STEM --ped FILE [options] outputs\n\n" +
-        wrapped(
-            "Prepares the matrices that the solver reads for animals with genotypes. W are the genotypes, "
-            "centred by twice the frequencies p of the second allele, a missing one being 0; s is the sum "
-            "of 2 p (1 - p). The ending of OUT is its form: _tri is text, .stream is binary. Several "
-            "outputs of one run share their work.",
-            "") +
-        "\nOptions:\n";
-    for (const option_row& row : rows) {
-        text += "   " + std::string(row.name) + (*row.value == '\0' ? "" : " ") + row.value + "\n";
-        text += wrapped(row.help + (row.shows_default ? " Default: " + default_of(row) + "." : std::string()),
-                        "          ");
-    }
-    return text;
+    return "usage: zendar-matrices --bfile STEM --ped FILE [options] outputs\n\n" +
+           wrapped(
+               "Prepares the matrices that the solver reads for animals with genotypes. W are the genotypes, "
+               "centred by twice the frequencies p of the second allele, a missing one being 0; s is the sum "
+               "of 2 p (1 - p). The ending of OUT is its form: _tri is text, .stream is binary. Several "
+               "outputs of one run share their work.",
+               "") +
+           "\nOptions:\n" + help_of_arguments(rows, [](const option_row& row) {
+               return row.shows_default ? " Default: " + default_of(row) + "." : std::string();
+           });
 }
 
 std::vector<std::string> option_names() {
-    std::vector<std::string> names;
-    for (const option_row& row : rows) names.emplace_back(row.name);
-    return names;
+    return names_of_arguments(rows);
 }
 
 }  // namespace zendar::matrices

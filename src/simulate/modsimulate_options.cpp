@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <set>
 #include <string_view>
 #include <variant>
 
+#include "modarguments.hpp"
 #include "modbasic.hpp"
 
 namespace zendar::simulate {
@@ -92,8 +92,10 @@ const option_row rows[] = {
 constexpr const char* model_words[] = {"animal",  "randomgroups", "metafounders",
                                        "snpblup", "ssgblup22",    "ssgblup30"};
 
+constexpr const char *module_tag = "modsimulate", *procedure = "read_options";
+
 [[noreturn]] void refuse(logger& log, const std::string& message) {
-    fatal(log, message, "modsimulate", "read_options");
+    fatal(log, message, module_tag, procedure);
 }
 
 std::vector<std::string> parts_of(const std::string& word) {
@@ -196,20 +198,6 @@ void check(const options& values, logger& log) {
     check_models(values, log);
 }
 
-/// Lines of at most 78 characters behind an indentation.
-std::string wrapped(const std::string& text, const std::string& indentation) {
-    constexpr std::size_t width = 78;
-    std::string result, line;
-    for (const std::string_view word : words_of(text)) {
-        if (!line.empty() && indentation.size() + line.size() + 1 + word.size() > width) {
-            result += indentation + line + "\n";
-            line.clear();
-        }
-        line += (line.empty() ? "" : " ") + std::string(word);
-    }
-    return result + indentation + line + "\n";
-}
-
 constexpr const char* paragraphs[] = {
     "Writes a simulated population to FOLDER: pedigree.txt (animal, sire, dam), data.txt, the variances and "
     "the instruction files. LIST is one value for all traits, or one for each, separated by commas.",
@@ -276,27 +264,15 @@ std::vector<double> cholesky(const std::vector<double>& m, std::int32_t n) {
 
 simulate_options read_options(std::span<const std::string> words, logger& log) {
     options values;
-    std::set<std::string> seen;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        const std::string& word = words[i];
-        if (!word.starts_with("--")) {
+    read_arguments(
+        words, rows, {"zendar-simulate", module_tag, procedure}, log,
+        [&](const option_row& row, const std::string& word) { set(values, row, word, log); },
+        [&](const std::string& word) {
             if (!values.folder.empty())
                 refuse(log, "There are two folders: \"" + values.folder + "\" and \"" + word + "\"");
             values.folder = word;
-            continue;
-        }
-        const auto* const row = std::ranges::find(rows, word, &option_row::name);
-        if (row == std::end(rows))
-            refuse(log, "The argument \"" + word + "\" is unknown. Try zendar-simulate --help");
-        if (!seen.insert(word).second) refuse(log, "The argument \"" + word + "\" was given twice");
-        if (*row->value == '\0') {
-            set(values, *row, {}, log);
-            continue;
-        }
-        if (i + 1 == words.size() || words[i + 1].starts_with("--"))
-            refuse(log, "The argument \"" + word + "\" needs a value");
-        set(values, *row, words[++i], log);
-    }
+            return true;
+        });
     if (values.help) return values;
     if (values.models.empty()) values.models = {"animal"};
     expand_lists(values, log);
@@ -307,17 +283,11 @@ simulate_options read_options(std::span<const std::string> words, logger& log) {
 std::string usage() {
     std::string text = "usage: zendar-simulate FOLDER [options]\n\n";
     for (const char* paragraph : paragraphs) text += wrapped(paragraph, "") + "\n";
-    text += "Options:\n";
-    for (const option_row& row : rows)
-        text += "   " + std::string(row.name) + (*row.value == '\0' ? "" : " ") + row.value + "\n" +
-                wrapped(row.help, "          ");
-    return text;
+    return text + "Options:\n" + help_of_arguments(rows, [](const option_row&) { return std::string(); });
 }
 
 std::vector<std::string> option_names() {
-    std::vector<std::string> names;
-    for (const option_row& row : rows) names.emplace_back(row.name);
-    return names;
+    return names_of_arguments(rows);
 }
 
 }  // namespace zendar::simulate
