@@ -9,7 +9,10 @@
 #include <cstdint>
 #include <ctime>
 #include <map>
+#include <optional>
 #include <random>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "modsparse_crs_mult.hpp"
@@ -44,11 +47,10 @@ struct matrix_data {
 };
 
 enum kind : std::int64_t { banded, family_order, anywhere };
-constexpr std::int32_t equations = 1000000;
 
 /// A diagonal and five neighbours; the inverse of a relationship matrix whose parents stand up to 1000
 /// animals before their offspring; a diagonal and five random columns.
-matrix_data make(kind which) {
+matrix_data make(kind which, std::int32_t equations) {
     std::mt19937 generator(1);
     std::vector<std::vector<std::int32_t>> rows(equations);
     const auto put = [&](std::int32_t i, std::int32_t j) { rows[std::min(i, j)].push_back(std::max(i, j)); };
@@ -71,18 +73,29 @@ matrix_data make(kind which) {
     return matrix_data(std::move(rows));
 }
 
-const matrix_data& matrix_of(kind which) {
-    static std::map<kind, matrix_data> made;
-    if (!made.contains(which)) made.emplace(which, make(which));
-    return made.at(which);
+/// The one of the last call.
+const matrix_data& matrix_of(kind which, std::int32_t equations) {
+    static std::pair<kind, std::int32_t> of{};
+    static std::optional<matrix_data> made;
+    if (!made || of != std::pair(which, equations)) {
+        made.reset();
+        made.emplace(make(which, equations));
+        of = {which, equations};
+    }
+    return *made;
 }
 
-/// Wall clock, and processor time a thread: the second still tells something on a machine that does other work.
+/// Wall clock, and processor time a thread: the second still tells something on a machine that does other
+/// work.
 struct timing {
     double wall = 0.0, cpu = 0.0;
 };
-timing operator+(timing s, timing t) { return {s.wall + t.wall, s.cpu + t.cpu}; }
-timing operator*(double factor, timing t) { return {factor * t.wall, factor * t.cpu}; }
+timing operator+(timing s, timing t) {
+    return {s.wall + t.wall, s.cpu + t.cpu};
+}
+timing operator*(double factor, timing t) {
+    return {factor * t.wall, factor * t.cpu};
+}
 
 class stopwatch {
   public:
@@ -112,22 +125,23 @@ timing best_of(const auto& work) {
     return watch.best();
 }
 
-/// Seconds per byte of reading eight million doubles and as many integers.
-timing streaming() {
-    static const std::vector<double> a(1 << 23, 1.0);
-    static const std::vector<std::int32_t> ja(1 << 23, 1);
+/// Seconds per byte of reading so many doubles and as many integers: as many as a matrix has, since what fits
+/// a cache is read faster.
+timing streaming(std::int64_t elements) {
+    const std::vector<double> a(static_cast<std::size_t>(elements), 1.0);
+    const std::vector<std::int32_t> ja(static_cast<std::size_t>(elements), 1);
     double sum = 0.0;
     std::int32_t count = 0;
     const timing seconds = best_of([&] {
-#pragma omp parallel for simd schedule(static) default(none) shared(a, ja) reduction(+ : sum, count)
-        for (std::int32_t k = 0; k < (1 << 23); ++k) {
+#pragma omp parallel for simd schedule(static) default(none) shared(a, ja, elements) reduction(+ : sum, count)
+        for (std::int64_t k = 0; k < elements; ++k) {
             sum += a[k];
             count ^= ja[k];
         }
         benchmark::DoNotOptimize(sum);
         benchmark::DoNotOptimize(count);
     });
-    return 1.0 / (12.0 * (1 << 23)) * seconds;
+    return 1.0 / (12.0 * static_cast<double>(elements)) * seconds;
 }
 
 /// Seconds of gathering from a vector at the columns of the matrix, beyond reading the columns; of
@@ -154,32 +168,41 @@ timing scatters(const matrix_data& m, std::vector<double>& y) {  // each thread 
     });
 }
 
+struct floor_times {
+    timing all, streaming_of_byte;
+};
+
 /// What no product with one column can be below.
-timing floor_of(kind which, int threads) {
-    static std::map<std::pair<kind, int>, timing> known;
-    const auto [it, fresh] = known.try_emplace({which, threads});
+floor_times floor_of(kind which, std::int32_t equations, int threads) {
+    static std::map<std::tuple<kind, std::int32_t, int>, floor_times> known;
+    const auto [it, fresh] = known.try_emplace({which, equations, threads});
     if (fresh) {
-        const matrix_data& m = matrix_of(which);
-        std::vector<double> v(equations, 1.0);
-        it->second = m.bytes(1) * streaming();
-        if (which == anywhere) it->second = it->second + gathers(m, v) + scatters(m, v);
+        const matrix_data& m = matrix_of(which, equations);
+        std::vector<double> v(static_cast<std::size_t>(equations), 1.0);
+        it->second.streaming_of_byte = streaming(std::ssize(m.ja));
+        it->second.all = m.bytes(1) * it->second.streaming_of_byte;
+        if (which == anywhere) it->second.all = it->second.all + gathers(m, v) + scatters(m, v);
     }
     return it->second;
 }
 
-/// Arguments: matrix, columns, threads.
+/// Arguments: matrix, equations, columns, threads.
 void BM_crs_multiply_symmetric(benchmark::State& state) {
     const auto which = static_cast<kind>(state.range(0));
-    const std::int64_t columns = state.range(1);
+    const auto equations = static_cast<std::int32_t>(state.range(1));
+    const std::int64_t columns = state.range(2);
+    const auto threads = static_cast<int>(state.range(3));
     const int before = omp_get_max_threads();
-    omp_set_num_threads(static_cast<int>(state.range(2)));
-    const matrix_data& m = matrix_of(which);
+    omp_set_num_threads(threads);
+    const matrix_data& m = matrix_of(which, equations);
     const matrix<double> x(equations, columns, 1.0);
     matrix<double> y(equations, columns);
-    const timing floor = floor_of(which, static_cast<int>(state.range(2)));
+    const floor_times known = floor_of(which, equations, threads);
+    const timing floor = known.all;
     stopwatch watch;
     for (auto _ : state) {
-        watch.run([&] { crs_multiply(m.view(), storage::symmetric_upper, false, 1.0, x.view(), 1.0, y.view()); });
+        watch.run(
+            [&] { crs_multiply(m.view(), storage::symmetric_upper, false, 1.0, x.view(), 1.0, y.view()); });
         benchmark::ClobberMemory();
     }
     state.counters["wall_ms"] = 1e3 * watch.best().wall;
@@ -188,12 +211,13 @@ void BM_crs_multiply_symmetric(benchmark::State& state) {
     state.counters["floor_cpu_ms"] = 1e3 * floor.cpu;
     state.counters["of_floor"] = watch.best().wall / floor.wall;
     state.counters["of_floor_cpu"] = watch.best().cpu / floor.cpu;
-    state.counters["streaming_GB/s"] = 1e-9 / streaming().wall;
+    state.counters["streaming_GB/s"] = 1e-9 / known.streaming_of_byte.wall;
     omp_set_num_threads(before);
 }
 BENCHMARK(BM_crs_multiply_symmetric)
-    ->ArgNames({"matrix", "columns", "threads"})
-    ->ArgsProduct({{banded, family_order, anywhere}, {1, 10}, {1, 2}})
+    ->ArgNames({"matrix", "equations", "columns", "threads"})
+    ->ArgsProduct({{banded, family_order, anywhere}, {1'000'000}, {1, 10}, {1, 2}})
+    ->ArgsProduct({{banded, family_order}, {16'000'000}, {1}, {1, 2}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
