@@ -357,7 +357,19 @@ void rows_through_ring(crs_view<Index> m, std::int64_t from, std::int64_t to, do
         if (i >= near.head()) near.load(i);
         const lanes<B> xi = lanes<B>::load(near.x_at(i)).times(alpha);
         lanes<B> sum;
-        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+        std::int64_t k = m.ia[i] - 1;
+        const std::int64_t end = m.ia[i + 1] - 1;
+        if (m.sorted && k < end && ja[end - 1] <= near.limit()) {
+            // All columns are near: none is looked at.
+            if (ja[end - 1] > near.head()) near.load(std::int64_t{ja[end - 1]} - 1);
+            if (ja[k] - 1 == i) sum.add(a[k++], lanes<B>::load(near.x_at(i)));
+            for (; k < end; ++k) {
+                const std::int64_t c = std::int64_t{ja[k]} - 1;
+                sum.add(a[k], lanes<B>::load(near.x_at(c)));
+                xi.add_to(near.y_at(c), a[k]);
+            }
+        }
+        for (; k < end; ++k) {
             const std::int64_t c = std::int64_t{ja[k]} - 1;
             if (c >= near.head()) [[unlikely]] {
                 if (c >= near.limit()) {
