@@ -21,26 +21,26 @@ constexpr const char* too_many_in_lists =
 
 /// A compressed-row matrix on the way: the reserved elements stand at the heads of their rows, the others are
 /// put behind them.
-template <std::signed_integral Index>
 struct row_builder {
-    crs_matrix<Index> result;
-    page_array<Index> next;  // where the next element of each row goes, from 0
-    std::span<Index> ja;
+    crssparse result;
+    page_array<std::int32_t> next;  // where the next element of each row goes, from 0
+    std::span<std::int32_t> ja;
     std::span<double> a;
 
     /// @param count  elements of each row without the reserved one; taken over.
-    row_builder(const gen_sparse& source, page_array<Index> count, std::int64_t limit, const char* message)
+    row_builder(const gen_sparse& source, page_array<std::int32_t> count, std::int64_t limit,
+                const char* message)
         : next(std::move(count)) {
         const std::int32_t dim1 = source.getdim(1), dim2 = source.getdim(2);
         const detail::reserved_column reserved(source);
-        const Index head = reserved.per_row;
+        const std::int32_t head = reserved.per_row;
         std::int64_t nel = std::int64_t{dim1} * head;
-        for (const Index n : next.span()) nel += n;
+        for (const std::int32_t n : next.span()) nel += n;
         if (nel > limit) fail(source.getoutputunit(), message);
 
-        result = crs_matrix<Index>(dim1, nel, dim2, source.isupperstorage(), source.getoutputunit());
+        result = crssparse(dim1, nel, dim2, source.isupperstorage(), source.getoutputunit());
         result.take_common(source);
-        const std::span<Index> ia = crs_arrays::ia(result);
+        const std::span<std::int32_t> ia = crs_arrays::ia(result);
         ja = crs_arrays::ja(result);
         a = crs_arrays::a(result);
         ia[0] = 1;
@@ -52,12 +52,12 @@ struct row_builder {
     }
 
     void put(std::int32_t row, std::int32_t col, double value, bool is_reserved) {
-        const Index k = is_reserved ? crs_arrays::ia(result)[row - 1] - 1 : next.data()[row - 1]++;
+        const std::int32_t k = is_reserved ? crs_arrays::ia(result)[row - 1] - 1 : next.data()[row - 1]++;
         ja[k] = col;
         a[k] = value;
     }
 
-    crs_matrix<Index> finish() {
+    crssparse finish() {
         result.sort();
         return std::move(result);
     }
@@ -125,7 +125,7 @@ crssparse ll_to_crs(const llsparse& ll, std::int64_t limit) {
         for (const auto& element : row)
             if (element.first != reserved(i)) ++count.data()[i - 1];
     }
-    row_builder<std::int32_t> build(ll, std::move(count), limit, too_many_in_lists);
+    row_builder build(ll, std::move(count), limit, too_many_in_lists);
     for (std::int32_t i = 1; i <= ll.getdim(1); ++i) {
         gather_row(ll, i, row);
         for (const auto& [col, value] : row) build.put(i, col, value, col == reserved(i));
