@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, and nothing when none is.
-# Usage: scripts/install-packages.sh build|test ...
+# Usage: scripts/install-packages.sh build|test|clang ...
 set -euo pipefail
 
 build="g++ cmake ninja-build libopenblas-openmp-dev libmetis-dev libmumps-seq-dev libsuitesparse-dev"
-test="libgtest-dev libgmock-dev libbenchmark-dev"
+test="libgtest-dev libgmock-dev libbenchmark-dev ccache"
+clang="clang-16 libclang-rt-16-dev libomp-16-dev" # ThreadSanitizer and the fuzzers
 
 wanted=""
 for group in "$@"; do
     case "$group" in
         build) wanted="$wanted $build" ;;
         test) wanted="$wanted $test" ;;
-        *) echo "usage: $0 build|test ..." >&2; exit 2 ;;
+        clang) wanted="$wanted $clang" ;;
+        *) echo "usage: $0 build|test|clang ..." >&2; exit 2 ;;
     esac
 done
 

@@ -135,7 +135,7 @@ TEST_F(RefusedMatrices, ForAFolderThatTakesNoFiles) {
 using MatricesProgram = RefusedMatrices;
 
 TEST_F(MatricesProgram, PrintsItsHelp) {
-    const auto result = run_program(directory_.path(), {"--help"}, ZENDAR_MATRICES_BINARY);
+    const auto result = run_program(directory_.path(), {"--help"}, program_file("zendar-matrices"));
 
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, matrices::usage());
@@ -145,7 +145,7 @@ TEST_F(MatricesProgram, PrintsItsHelp) {
 TEST_F(MatricesProgram, WritesWhatItIsAskedFor) {
     const auto result = run_program(
         directory_.path(), words(3, {"--gima22i", "gima_tri", "--freq", "freq.txt", "--threads", "1"}),
-        ZENDAR_MATRICES_BINARY);
+        program_file("zendar-matrices"));
 
     EXPECT_EQ(result.status, 0) << result.out;
     EXPECT_EQ(result.error, "");
@@ -159,7 +159,7 @@ TEST_F(MatricesProgram, WritesWhatItIsAskedFor) {
 
 TEST_F(MatricesProgram, EndsWithStatus1AfterAnError) {
     const auto result =
-        run_program(directory_.path(), {"--bfile", "none", "--freq", "out"}, ZENDAR_MATRICES_BINARY);
+        run_program(directory_.path(), {"--bfile", "none", "--freq", "out"}, program_file("zendar-matrices"));
 
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, HasSubstr("ERROR: The following file does not exist: none.bed\n"));

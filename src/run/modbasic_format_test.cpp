@@ -11,6 +11,8 @@
 #include <random>
 #include <stdexcept>
 
+#include "places.hpp"
+
 namespace zendar {
 namespace {
 
@@ -27,7 +29,7 @@ struct table_row {
 };
 
 std::vector<table_row> format_table() {
-    std::ifstream file(ZENDAR_SOURCE_DIR "/tests/data/format_table.txt");
+    std::ifstream file(test::source_folder() / "tests/data/format_table.txt");
     std::vector<table_row> rows;
     for (std::string line; std::getline(file, line);) {
         if (line.starts_with('#')) continue;

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "modsnpmodel.hpp"
+#include "places.hpp"
 
 namespace zendar {
 namespace {
@@ -13,7 +14,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 std::string stored(const std::string& name) {
-    std::ifstream file(std::string(ZENDAR_SOURCE_DIR "/tests/data/") + name, std::ios::binary);
+    std::ifstream file(test::source_folder() / "tests/data" / name, std::ios::binary);
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();

@@ -152,11 +152,12 @@ TEST(SimulateUsage, TellsTheDefaults) {
 TEST(SimulateProgram, EndsWithAStatusAndOneMessage) {
     const temporary_directory directory;
 
-    const auto help = run_program(directory.path(), {"--help"}, ZENDAR_SIMULATE_BINARY);
-    const auto good = run_program(directory.path(), {"there/inside"}, ZENDAR_SIMULATE_BINARY);
-    const auto bad = run_program(directory.path(), {"other", "--traits", "9"}, ZENDAR_SIMULATE_BINARY);
+    const auto help = run_program(directory.path(), {"--help"}, program_file("zendar-simulate"));
+    const auto good = run_program(directory.path(), {"there/inside"}, program_file("zendar-simulate"));
+    const auto bad =
+        run_program(directory.path(), {"other", "--traits", "9"}, program_file("zendar-simulate"));
     directory.write("file", "");
-    const auto closed = run_program(directory.path(), {"file/inside"}, ZENDAR_SIMULATE_BINARY);
+    const auto closed = run_program(directory.path(), {"file/inside"}, program_file("zendar-simulate"));
 
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out, simulate::usage());
@@ -173,7 +174,7 @@ TEST(SimulateProgram, NamesTheFileThatCannotBeWritten) {
     const temporary_directory directory;
     std::filesystem::create_directories(directory / "there/data.txt");
 
-    const auto result = run_program(directory.path(), {"there"}, ZENDAR_SIMULATE_BINARY);
+    const auto result = run_program(directory.path(), {"there"}, program_file("zendar-simulate"));
 
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, testing::HasSubstr("I/O ERROR: Cannot write the file there/data.txt"));

@@ -374,7 +374,7 @@ TEST_P(SavedFile, IsReadBackByteForByteInASecondProcess) {
         GetParam().save(coo, directory / "a");
 
         const program_result copied =
-            run_program(directory.path(), {GetParam().name, "a", "b"}, ZENDAR_SPARSE_COPY);
+            run_program(directory.path(), {GetParam().name, "a", "b"}, program_file("sparse_copy"));
 
         ASSERT_EQ(copied.status, 0) << copied.error;
         EXPECT_EQ(directory.read("a"), directory.read("b"));

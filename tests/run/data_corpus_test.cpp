@@ -6,6 +6,7 @@
 #include "coo_input.hpp"
 #include "covariable_input.hpp"
 #include "external_input.hpp"
+#include "places.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar::test {
@@ -14,7 +15,7 @@ namespace {
 /// Replays the inputs of a fuzzer, sound and damaged: none may crash, hang or read outside a buffer. Damaged
 /// ones begin with "bad"; of those that the fuzzer found, "found", either may be true.
 void replay(const char* corpus, bool (*read)(std::string_view)) {
-    const auto folder = std::filesystem::path(ZENDAR_SOURCE_DIR) / "fuzz" / "corpus" / corpus;
+    const auto folder = source_folder() / "fuzz" / "corpus" / corpus;
     const temporary_directory directory;
     const working_directory at(directory.path());
     int sound = 0, damaged = 0;

@@ -9,80 +9,30 @@
 
 /// Every command of README.md and of the pages of `docs` is executed, in the order of its page and in a
 /// folder of the page's own, beside which `examples` lies as in the tree. It must end with status 0, or with
-/// the one that a comment behind it tells, and print what the page shows.
+/// the one that a comment behind it tells, and print what the page shows. Those that work on the tree itself
+/// are executed by document_builds_test.cpp.
 namespace zendar::test {
 namespace {
 
 using testing::IsEmpty;
 
 namespace fs = std::filesystem;
-const fs::path tree = ZENDAR_SOURCE_DIR;
-
-/// Pages with commands of people; those that are made of the option tables have a test of their own.
-std::vector<std::string> pages() {
-    std::vector<std::string> names{"README.md"};
-    for (const auto& entry : fs::directory_iterator(tree / "docs"))
-        if (entry.path().extension() == ".md" &&
-            content(entry.path()).find("\nMade by `scripts/make-docs.sh`") == std::string::npos)
-            names.push_back("docs/" + entry.path().filename().string());
-    std::ranges::sort(names);
-    return names;
-}
-
-/// What a block that is not run may do, and how its reason must call that.
-bool may_be_left_out(const command_block& block) {
-    static const std::regex reason("(installs packages|builds the tree|needs root).*"),
-        command(
-            "(sudo |apt(-get)? |dpkg |cmake |cpack |ctest |cd |git clone "
-            "|scripts/|bench/|packaging/|fuzz/).*");
-    return std::regex_match(block.not_run, reason) && !block.commands.empty() &&
-           std::ranges::all_of(block.commands, [](const std::string& line) {
-               return std::regex_search(line, command, std::regex_constants::match_continuous);
-           });
-}
-
-struct page_result {
-    std::vector<std::string> faults, not_run;
-    int commands = 0;
-};
-
 page_result run_page(const std::string& text) {
     page_result result;
     const temporary_directory folder;
-    fs::create_directory_symlink(tree / "examples", folder / "examples");
+    fs::create_directory_symlink(source_folder() / "examples", folder / "examples");
     page_shell shell(folder.path());
-    for (const command_block& block : read_page(text, result.faults, page_rule::prose_and_runs)) {
-        const std::string where = "line " + std::to_string(block.line) + ": ";
-        if (!block.not_run.empty()) {
-            if (!may_be_left_out(block)) result.faults.push_back(where + "must be run: " + block.not_run);
-            result.not_run.push_back(block.not_run);
-            continue;
-        }
-        if (block.commands.empty()) result.faults.push_back(where + "no commands");
-        std::string output;
-        for (const std::string& command : block.commands) {
-            const program_result ended = shell.run(command);
-            ++result.commands;
-            output += ended.out;
-            if (ended.status == told_status(command)) continue;
-            result.faults.push_back(where + command + "\nexit status " + std::to_string(ended.status) + "\n" +
-                                    ended.out + ended.error);
-            return result;  // what follows builds on it
-        }
-        const std::string missing = not_printed(block.shown, output);
-        if (!missing.empty())
-            result.faults.push_back(where + "is shown, but not printed: " + missing + "\n" + output);
-    }
+    for (const command_block& block : read_page(text, result.faults, page_rule::prose_and_runs))
+        if (!block.in_the_tree && !run_block(block, shell, result)) break;
     return result;
 }
 
 class DocumentCommands : public testing::TestWithParam<std::string> {};
 
 TEST_P(DocumentCommands, AreExecuted) {
-    const page_result result = run_page(content(tree / GetParam()));
+    const page_result result = run_page(content(source_folder() / GetParam()));
     EXPECT_THAT(result.faults, IsEmpty());
     std::cout << GetParam() << ": " << result.commands << " commands executed\n";
-    for (const std::string& reason : result.not_run) std::cout << "not run: " << reason << '\n';
 }
 
 std::string name_of(const testing::TestParamInfo<std::string>& info) {
@@ -155,20 +105,19 @@ TEST(CommandsOfAPage, StandInBlocksThatHaveAKind) {
         EXPECT_FALSE(run_page(bad).faults.empty()) << bad;
 }
 
-TEST(CommandsOfAPage, AreLeftOutForFewReasons) {
-    const page_result good =
-        run_page("<!-- not run: installs packages -->\n" + sh("scripts/demo.sh\n") +
-                 "<!-- not run: builds the tree -->\n" + sh("cmake --preset x && cmake\n"));
-    EXPECT_THAT(good.faults, IsEmpty());
-    EXPECT_THAT(good.not_run, testing::ElementsAre("installs packages", "builds the tree"));
-    EXPECT_EQ(good.commands, 0);
-    for (const std::string& bad :
-         {"<!-- not run: takes long -->\n" + sh("scripts/demo.sh\n"), "<!-- not run -->\n" + sh("true\n"),
-          "<!-- not run: builds the tree -->\n" + sh("zendar model.par\n"),
-          "<!-- not run: builds the tree -->\n" + sh("scripts/demo.sh\nls\n"),
-          "<!-- not run: builds the tree -->\n\n" + sh("false\n"),
-          "<!-- not run: builds the tree -->\n" + sh("cmake .\n") + shown("x\n")})
-        EXPECT_FALSE(run_page(bad).faults.empty()) << bad;
+TEST(CommandsOfAPage, WorkOnTheTreeWhenTheLineAboveSaysSo) {
+    const std::string mark = "<!-- in the tree -->\n";
+    std::vector<std::string> faults;
+    const auto blocks =
+        read_page(mark + sh("a\n") + mark + "\n" + sh("b\n") + mark + sh("c\n") + shown("d\n"), faults,
+                  page_rule::prose_and_runs);
+    EXPECT_THAT(faults, IsEmpty());
+    ASSERT_EQ(blocks.size(), 3U);
+    EXPECT_TRUE(blocks[0].in_the_tree);
+    EXPECT_FALSE(blocks[1].in_the_tree);
+    EXPECT_TRUE(blocks[2].in_the_tree);
+    EXPECT_THAT(blocks[2].shown, testing::ElementsAre("d"));
+    EXPECT_EQ(run_page(mark + sh("false\n")).commands, 0);
 }
 
 TEST(Pages, AreFound) {

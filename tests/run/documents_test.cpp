@@ -19,7 +19,7 @@ using testing::IsEmpty;
 using testing::Not;
 
 namespace fs = std::filesystem;
-const fs::path tree = ZENDAR_SOURCE_DIR;
+const fs::path tree = test::source_folder();
 
 std::string content(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -150,7 +150,7 @@ class GeneratedPages : public testing::Test {
     static void SetUpTestSuite() {
         made_ = std::make_unique<test::temporary_directory>();
         const std::string script = tree / "scripts/make-docs.sh",
-                          programs = fs::path(ZENDAR_BINARY).parent_path();
+                          programs = fs::path(test::program_file()).parent_path();
         result_ = test::run_program(made_->path(), {script, programs, made_->path()}, "/bin/bash");
     }
     static void TearDownTestSuite() { made_.reset(); }
@@ -246,7 +246,7 @@ TEST_F(GeneratedPages, CompleteWords) {
 TEST(Installation, HasProgramsPagesExamplesAndCompletion) {
     const test::temporary_directory prefix;
     const auto result = test::run_program(
-        prefix.path(), {"--install", ZENDAR_BUILD_FOLDER, "--prefix", prefix.path()}, ZENDAR_CMAKE);
+        prefix.path(), {"--install", test::build_folder(), "--prefix", prefix.path()}, test::cmake_file());
     ASSERT_EQ(result.status, 0) << result.error;
 
     for (const std::string program : {"zendar", "zendar-matrices", "zendar-simulate"}) {

@@ -37,7 +37,7 @@ class prepared_set {
         std::vector<std::string> words{"--bfile",      "geno",     "--ped",    "ped.txt",
                                        "--allelefreq", "freq.txt", "--effect", "4"};
         words.insert(words.end(), outputs.begin(), outputs.end());
-        const auto result = run_program(directory.path(), words, ZENDAR_MATRICES_BINARY);
+        const auto result = run_program(directory.path(), words, program_file("zendar-matrices"));
         ASSERT_EQ(result.status, 0) << result.out << result.error;
     }
     /// Runs the model of animals alone with further option lines.

@@ -208,7 +208,7 @@ class FilesOfPrograms : public testing::Test {
     void run(const std::string& program, const std::vector<std::string>& arguments, int status = 0) {
         const std::set<std::string> before = names();
         const auto result = test::run_program(files_.path(), arguments,
-                                              (fs::path(ZENDAR_BINARY).parent_path() / program).string());
+                                              (fs::path(program_file()).parent_path() / program).string());
         ASSERT_EQ(result.status, status) << result.out << result.error;
         for (const std::string& name : names())
             EXPECT_TRUE(before.contains(name) || is_argument(name, arguments) || is_named(name))

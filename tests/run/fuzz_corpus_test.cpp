@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "model_input.hpp"
+#include "places.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar::test {
@@ -11,7 +12,7 @@ namespace {
 
 /// Inputs that the fuzzer found interesting: none may crash, hang or read outside a buffer.
 TEST(FuzzCorpus, IsReadWithoutACrash) {
-    const auto folder = std::filesystem::path(ZENDAR_SOURCE_DIR) / "fuzz" / "corpus" / "model";
+    const auto folder = source_folder() / "fuzz" / "corpus" / "model";
     const temporary_directory directory;
     const working_directory at(directory.path());
     int inputs = 0;

@@ -22,7 +22,7 @@ using ::testing::Not;
 
 const std::string without_support = "The GPU was asked for, but this program was built without GPU support.";
 
-program_result run_on_gpu(const temporary_directory& run, const std::string& program = ZENDAR_BINARY) {
+program_result run_on_gpu(const temporary_directory& run, const std::string& program = program_file()) {
     snp_files files(30);
     files.options = "!miraculix_gpu 3\n";
     files.write(run);
@@ -41,7 +41,7 @@ void expect_failure(const program_result& result, const temporary_directory& run
 fs::path installed(const temporary_directory& folder) {
     fs::create_directories(folder / "bin");
     fs::create_directories(folder / "lib");
-    fs::copy_file(ZENDAR_BINARY, folder / "bin/zendar");
+    fs::copy_file(program_file(), folder / "bin/zendar");
     return folder / "bin/zendar";
 }
 
@@ -133,7 +133,7 @@ void expect_same_solutions(const temporary_directory& found, const temporary_dir
 TEST(RunOnGpu, HasTheSolutionsOfTheCpuByTheKernelOnTheHost) {
     const temporary_directory folder;
     const fs::path program = installed(folder);
-    fs::copy_file(ZENDAR_HOST_GPU, folder / "bin/libzendar_gpu.so");
+    fs::copy_file(program_file("host_gpu/libzendar_gpu.so"), folder / "bin/libzendar_gpu.so");
     for (const int type : {20, 22, 23, 30}) {
         SCOPED_TRACE(type);
         const temporary_directory on_gpu, on_cpu;
@@ -157,7 +157,7 @@ TEST(RunOnGpu, StopsWhenTheDeviceFails) {
     const environment_value fails("ZENDAR_HOST_GPU_FAILS", "1");
     const temporary_directory folder, run;
     const fs::path program = installed(folder);
-    fs::copy_file(ZENDAR_HOST_GPU, folder / "bin/libzendar_gpu.so");
+    fs::copy_file(program_file("host_gpu/libzendar_gpu.so"), folder / "bin/libzendar_gpu.so");
 
     const program_result result = run_on_gpu(run, program);
 

@@ -204,7 +204,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, PevSets, ::testing::ValuesIn(pev_sets),
 
 TEST(Pvalues, AreThoseOfDenseAlgebra) {
     const temporary_directory run;
-    copy_files(std::filesystem::path(ZENDAR_SOURCE_DIR) / "tests" / "data" / "pvalue", run);
+    copy_files(source_folder() / "tests" / "data" / "pvalue", run);
     const auto result = run_program(run.path(), {"model.par", "--ebvpev", "--ncpus", "2"});
     ASSERT_EQ(result.status, 0) << result.out;
     const char* const files[] = {"snpeffects_gi.dat", "varhatsnpeffects_gi.dat", "pvalues_gi.dat"};

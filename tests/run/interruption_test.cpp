@@ -243,7 +243,7 @@ TEST(Interruption, AFullDiskIsNamedWithTheRightHandSide) {
     run.write("model.par", par.replace(par.find("2 0 400"), 7, "2 0 9000"));
     // Files of at most 48 KiB: the right-hand side takes 70 KiB, and nothing else as much.
     const auto result = run_program(
-        run.path(), {"-c", "trap '' XFSZ; ulimit -f 48; exec " ZENDAR_BINARY " model.par"}, "/bin/bash");
+        run.path(), {"-c", "trap '' XFSZ; ulimit -f 48; exec " + program_file() + " model.par"}, "/bin/bash");
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(unwrapped(result.out), HasSubstr("rhstmp.stream"));
     EXPECT_FALSE(run.exists("OK_ZENDAR"));
@@ -256,7 +256,7 @@ TEST(Interruption, AFullDiskStopsTheRunWithAnError) {
     write_model(run, "");
     // Files of at most 2 KiB: the phenotypes no longer fit.
     const auto result = run_program(
-        run.path(), {"-c", "trap '' XFSZ; ulimit -f 2; exec " ZENDAR_BINARY " model.par --noscreen"},
+        run.path(), {"-c", "trap '' XFSZ; ulimit -f 2; exec " + program_file() + " model.par --noscreen"},
         "/bin/bash");
     EXPECT_EQ(result.status, 1);
     EXPECT_FALSE(run.exists("OK_ZENDAR"));

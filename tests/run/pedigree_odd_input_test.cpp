@@ -172,7 +172,7 @@ TEST_F(OddPedigreeInput, ALineOf200000GenerationsNeedsNoStack) {
         const temporary_directory directory;
         files.write(directory);
         const auto result = run_program(
-            directory.path(), {"-c", "ulimit -s 256 && exec \"$0\" model.par", ZENDAR_BINARY}, "/bin/sh");
+            directory.path(), {"-c", "ulimit -s 256 && exec \"$0\" model.par", program_file()}, "/bin/sh");
         EXPECT_EQ(result.status, 0) << result.out << result.error;
         EXPECT_THAT(result.out, HasSubstr("3. Computes inbreeding coefficients"));
         const std::string cache = directory.read("ped.txt.inb");
@@ -190,7 +190,7 @@ TEST_F(OddPedigreeInput, ALoopBehindALongLineIsFoundAtOnce) {
     files.write(directory);
     const auto start = std::chrono::steady_clock::now();
     const auto result = run_program(
-        directory.path(), {"-c", "ulimit -s 256 && exec \"$0\" model.par", ZENDAR_BINARY}, "/bin/sh");
+        directory.path(), {"-c", "ulimit -s 256 && exec \"$0\" model.par", program_file()}, "/bin/sh");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(result.status, 1) << result.out << result.error;
     EXPECT_THAT(unwrapped(result.out), HasSubstr("is its own ancestor: 200000, 199999, 199998"));

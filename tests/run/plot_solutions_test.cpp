@@ -15,8 +15,8 @@ using testing::Not;
 class PlotSolutionsRun : public testing::Test {
   protected:
     PlotSolutionsRun() {
-        std::filesystem::copy(std::filesystem::path(ZENDAR_SOURCE_DIR) / "examples/gryphon_two_traits",
-                              run_.path(), std::filesystem::copy_options::recursive);
+        std::filesystem::copy(source_folder() / "examples/gryphon_two_traits", run_.path(),
+                              std::filesystem::copy_options::recursive);
     }
     std::string run(const std::string& options) {
         run_.write("model.par_options", options);

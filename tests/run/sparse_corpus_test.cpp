@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "places.hpp"
 #include "sparse_input.hpp"
 #include "temporary_directory.hpp"
 
@@ -12,7 +13,7 @@ namespace {
 /// Matrix files, sound and damaged: none may crash, hang or read outside a buffer. Damaged ones begin with
 /// "bad".
 TEST(SparseCorpus, IsReadOrRefused) {
-    const auto folder = std::filesystem::path(ZENDAR_SOURCE_DIR) / "fuzz" / "corpus" / "sparse";
+    const auto folder = source_folder() / "fuzz" / "corpus" / "sparse";
     const temporary_directory directory;
     const working_directory at(directory.path());
     int sound = 0, damaged = 0;

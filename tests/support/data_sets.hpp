@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "magnitude.hpp"
+#include "places.hpp"
 #include "temporary_directory.hpp"
 
 /// Data sets whose answers others published or computed: where they stand, and comparisons with the answers.
@@ -50,12 +51,12 @@ inline void expect_solutions(const temporary_directory& run, const std::filesyst
 }
 
 inline std::filesystem::path example(const std::string& name) {
-    return std::filesystem::path(ZENDAR_SOURCE_DIR) / "examples" / name;
+    return source_folder() / "examples" / name;
 }
 
 /// Sets that are not part of the source tree stand beside it, where they are at all.
 inline std::filesystem::path external(const std::string& name) {
-    return std::filesystem::path(ZENDAR_SOURCE_DIR) / ".." / "shared" / "data" / name;
+    return source_folder() / ".." / "shared" / "data" / name;
 }
 
 inline void replace(std::string& text, const std::string& piece, const std::string& by) {

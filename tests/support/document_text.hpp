@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "places.hpp"
+
 /// Reading the documents of the tree.
 namespace zendar::test {
 
-inline const std::filesystem::path tree = ZENDAR_SOURCE_DIR;
+inline const std::filesystem::path tree = source_folder();
 
 inline std::string content(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);

@@ -74,14 +74,17 @@ bool same_line(const std::string& shown, const std::string& printed) {
     return same_words(a, b) || same_around_dots(a, b);
 }
 
-/// The reason of a comment that leaves a block out.
-std::string reason_of(const std::string& line) {
-    static const std::regex comment("<!-- not run: (.+) -->");
-    std::smatch found;
-    return std::regex_match(line, found, comment) ? found[1].str() : std::string();
-}
-
 }  // namespace
+
+std::vector<std::string> pages() {
+    std::vector<std::string> names{"README.md"};
+    for (const auto& entry : std::filesystem::directory_iterator(source_folder() / "docs"))
+        if (entry.path().extension() == ".md" &&
+            content(entry.path()).find("\nMade by `scripts/make-docs.sh`") == std::string::npos)
+            names.push_back("docs/" + entry.path().filename().string());
+    std::ranges::sort(names);
+    return names;
+}
 
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
@@ -114,17 +117,18 @@ std::vector<command_block> read_page(const std::string& text, std::vector<std::s
         indented("^ {4,}(\\$ .*|(\\./|scripts/|bench/)\\S.*|(zendar(-matrices|-simulate)?|cmake|cpack) .*)");
     std::vector<command_block> blocks;
     std::vector<std::string> lines;
-    std::string kind, reason;
+    std::string kind, before;
     int number = 0;
     for (const std::string& line : lines_of(text)) {
         ++number;
         const std::string where = "line " + std::to_string(number) + ": ";
         if (line.starts_with("```")) {
             const std::string opens = line.substr(3);
-            if (kind.empty() && opens == "sh") blocks.push_back({.line = number + 1, .not_run = reason});
+            if (kind.empty() && opens == "sh")
+                blocks.push_back({.line = number + 1, .in_the_tree = before == "<!-- in the tree -->"});
             if (kind.empty() && opens != "sh" && opens != "text")
                 faults.push_back(where + "block of no kind: " + line);
-            if (kind.empty() && opens == "text" && (blocks.empty() || !blocks.back().not_run.empty()))
+            if (kind.empty() && opens == "text" && blocks.empty())
                 faults.push_back(where + "output of no commands");
             if (kind == "sh") blocks.back().commands = commands_of(lines, faults);
             kind = !kind.empty() ? "" : opens.empty() ? "none" : opens;
@@ -137,9 +141,7 @@ std::vector<command_block> read_page(const std::string& text, std::vector<std::s
                    std::regex_search(line, rule == page_rule::runs_only ? program : indented)) {
             faults.push_back(where + "command outside of a block: " + line);
         }
-        reason = reason_of(line);
-        if (reason.empty() && kind.empty() && line.find("<!-- not run") != std::string::npos)
-            faults.push_back(where + "no reason: " + line);
+        before = line;
     }
     if (!kind.empty()) faults.emplace_back("block without an end");
     return blocks;
@@ -163,8 +165,8 @@ int told_status(const std::string& command) {
     return std::regex_search(command, found, comment) ? std::stoi(found[1]) : 0;
 }
 
-program_result page_shell::run(const std::string& command) {
-    const std::string bin = std::filesystem::path(ZENDAR_BINARY).parent_path().string(),
+program_result page_shell::run(const std::string& command, std::chrono::seconds at_most) {
+    const std::string bin = std::filesystem::path(program_file()).parent_path().string(),
                       path = std::getenv("PATH") == nullptr ? "" : std::getenv("PATH");
     if (!path.starts_with(bin + ":")) setenv("PATH", (bin + ":" + path).c_str(), 1);
     if (!state_.exists("folder")) state_.write("folder", folder_.string());
@@ -175,7 +177,27 @@ program_result page_shell::run(const std::string& command) {
                       script = "cd \"$(cat " + state + "/folder)\"\n[ ! -f " + state + "/exported ] || . " +
                                state + "/exported\ntrap 'pwd > " + state + "/folder; export -p > " + state +
                                "/exported' EXIT\nset -e\n. " + state + "/command\n";
-    return run_program(folder_, {"-c", script}, "/bin/bash");
+    return run_program(folder_, {"-c", script}, "/bin/bash", at_most);
+}
+
+bool run_block(const command_block& block, page_shell& shell, page_result& result,
+               std::chrono::seconds at_most) {
+    const std::string where = "line " + std::to_string(block.line) + ": ";
+    if (block.commands.empty()) result.faults.push_back(where + "no commands");
+    std::string output;
+    for (const std::string& command : block.commands) {
+        const program_result ended = shell.run(command, at_most);
+        ++result.commands;
+        output += ended.out;
+        if (ended.status == told_status(command)) continue;
+        result.faults.push_back(where + command + "\nexit status " + std::to_string(ended.status) + "\n" +
+                                ended.out + ended.error);
+        return false;
+    }
+    const std::string missing = not_printed(block.shown, output);
+    if (!missing.empty())
+        result.faults.push_back(where + "is shown, but not printed: " + missing + "\n" + output);
+    return true;
 }
 
 }  // namespace zendar::test

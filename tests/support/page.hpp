@@ -10,8 +10,13 @@
 /// Pages in Markdown whose commands are executed.
 ///
 /// Commands stand in blocks ```sh; a block ```text behind one shows lines of its output, with `...` as a word
-/// or a line for what varies. A block behind the comment `<!-- not run: reason -->` is left out.
+/// or a line for what varies. A block behind the comment `<!-- in the tree -->` works on the tree itself: it
+/// builds, tests or installs.
 namespace zendar::test {
+
+/// README.md and the pages of `docs` with commands of people, by their names in the tree; those that are made
+/// of the option tables have a test of their own.
+std::vector<std::string> pages();
 
 std::vector<std::string> lines_of(const std::string& text);
 std::vector<std::string> words_in(const std::string& line);
@@ -23,7 +28,7 @@ std::optional<double> number(const std::string& word);
 struct command_block {
     int line = 0;  ///< of its first command, from 1
     std::vector<std::string> commands = {}, shown = {};
-    std::string not_run = {};  ///< the reason
+    bool in_the_tree = false;
 };
 
 /// Where commands may stand.
@@ -50,11 +55,21 @@ class page_shell {
     explicit page_shell(const std::filesystem::path& folder) : folder_(folder) {}
     /// Every program of a pipe must end well, but one that a later one stopped listening to; and each command
     /// of a line.
-    program_result run(const std::string& command);
+    program_result run(const std::string& command, std::chrono::seconds at_most = default_limit);
 
   private:
     std::filesystem::path folder_;
     temporary_directory state_;
 };
+
+struct page_result {
+    std::vector<std::string> faults;
+    int commands = 0;  ///< executed
+};
+
+/// Executes a block and compares what it prints; after a fault of a command false, as what follows builds on
+/// it.
+bool run_block(const command_block& block, page_shell& shell, page_result& result,
+               std::chrono::seconds at_most = default_limit);
 
 }  // namespace zendar::test

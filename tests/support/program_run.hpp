@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "places.hpp"
 #include "temporary_directory.hpp"
 
 namespace zendar::test {
@@ -23,11 +24,13 @@ struct program_result {
     std::string out, error;
 };
 
+constexpr std::chrono::seconds default_limit{60};
+
 /// The real program, running in a directory, with its output in files of that directory's own.
 class running_program {
   public:
     running_program(const std::filesystem::path& directory, const std::vector<std::string>& arguments,
-                    const std::string& program = ZENDAR_BINARY) {
+                    const std::string& program = program_file()) {
         const std::string out = capture_ / "out", error = capture_ / "error";
         child_ = fork();
         if (child_ < 0) throw std::runtime_error("fork failed");
@@ -52,11 +55,11 @@ class running_program {
     running_program& operator=(const running_program&) = delete;
 
     void send(int signal) const { kill(child_, signal); }
-    /// Waits for the end, 60 seconds at most.
-    program_result wait() {
+    /// Waits for the end, for this time at most.
+    program_result wait(std::chrono::seconds at_most = default_limit) {
         program_result result;
         using namespace std::chrono;
-        const auto limit = steady_clock::now() + seconds(60);
+        const auto limit = steady_clock::now() + at_most;
         int status = 0;
         while (waitpid(child_, &status, WNOHANG) == 0) {
             if (steady_clock::now() > limit) return result;
@@ -77,8 +80,9 @@ class running_program {
 /// Runs the program to its end.
 inline program_result run_program(const std::filesystem::path& directory,
                                   const std::vector<std::string>& arguments,
-                                  const std::string& program = ZENDAR_BINARY) {
-    return running_program(directory, arguments, program).wait();
+                                  const std::string& program = program_file(),
+                                  std::chrono::seconds at_most = default_limit) {
+    return running_program(directory, arguments, program).wait(at_most);
 }
 
 /// Log text without the line breaks that the width of 82 columns brought in.
