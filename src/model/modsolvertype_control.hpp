@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "modlogger.hpp"
+#include "modplot.hpp"
 #include "modsolvertype.hpp"
 
 /// What the iterative solvers share beside their record: the way in from outside, eigenvalue estimates, and
@@ -105,21 +106,24 @@ std::string convergence_cheb_row(std::int32_t i, const std::array<double, 4>& va
 /// "convergence.dat" and "convergence_fpcg.dat" of the in-core solvers; the first row has i = 1 and no tau.
 std::string convergence_inmem_row(std::int32_t i, double tau, const std::array<double, 4>& values);
 
-/// Draws the graph of "convergence.dat" with gnuplot, from time to time. Nothing that goes wrong here
-/// disturbs a run: without gnuplot there is no graph, and nobody is told.
+/// Draws the graph of "convergence.dat" with gnuplot, from time to time, while the run goes on. Nothing that
+/// goes wrong here disturbs a run: without gnuplot there is no graph, and nobody is told.
 class convergence_graph {
   public:
     /// @param directory  what stands before the names "cvg_graph.g", "cvg.png" and "convergence.dat".
     explicit convergence_graph(std::string directory) : directory_(std::move(directory)) {}
 
     /// Draws when the iteration is divisible by the period, which is 100 at first.
-    void draw(std::int32_t iter) const;
+    void draw(std::int32_t iter);
     /// Sets the period before.
     void draw(std::int32_t iter, std::int32_t period);
+    /// The drawing that may still be at work.
+    gnuplot_run last() { return std::move(drawing_); }
 
   private:
     std::string directory_;
     std::int32_t period_ = 100;
+    gnuplot_run drawing_;
 };
 
 /// The script "cvg_graph.g" for gnuplot.

@@ -6,7 +6,6 @@
 
 #include "modbasic.hpp"
 #include "modfile.hpp"
-#include "modplot.hpp"
 #include "modsolvertype_control.hpp"
 
 namespace zendar {
@@ -119,7 +118,7 @@ std::string convergence_graph_script(const std::string& directory) {
     return script;
 }
 
-void convergence_graph::draw(std::int32_t iter) const {
+void convergence_graph::draw(std::int32_t iter) {
     if (period_ < 1 || iter % period_ != 0) return;
     const std::string script = directory_ + "cvg_graph.g";
     std::error_code ignored;
@@ -129,7 +128,8 @@ void convergence_graph::draw(std::int32_t iter) const {
         out.write(convergence_graph_script(directory_));
         if (out.commit()) return;
     }
-    run_gnuplot(script);
+    drawing_.wait();
+    drawing_ = gnuplot_run(script);
 }
 
 void convergence_graph::draw(std::int32_t iter, std::int32_t period) {

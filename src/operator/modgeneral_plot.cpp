@@ -269,7 +269,7 @@ void plot_solutions(const param_type& param, std::span<const double> vector, log
         log.warning("No picture of the solutions: cannot write the file " + script + ": " + error->iomsg);
         return;
     }
-    const plot_result result = run_gnuplot(script);
+    const plot_result result = gnuplot_run(script).wait();
     if (result == plot_result::drawn) return;
     std::filesystem::remove(picture, ignored);
     log.warning(result == plot_result::no_gnuplot

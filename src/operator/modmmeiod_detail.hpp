@@ -77,6 +77,7 @@ struct record_input {
     const double* x = nullptr;    ///< the vector (neq)
     matrix_view<const double> y;  ///< instead of the vector: the phenotypes, for the right-hand side
     bool lcombieff = false;
+    bool wide = true;  ///< with the processor's vectors of four where it has them; the sums are the same
 };
 
 /// Where the sums of one term go: the array that holds equation `lo` (from 0) first.

@@ -2,8 +2,8 @@
 #include <cassert>
 
 #include "modenum.hpp"
-#include "modmmeiod_detail.hpp"
 #include "modmmeiod_huge.hpp"
+#include "modmmeiod_records.hpp"
 
 namespace zendar::modmmeiod {
 
@@ -52,7 +52,7 @@ struct trait_values<0> {
 template <int NT, trait_map M>
 void gather_class(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
                   std::size_t) {
-    const std::int64_t nt = NT > 0 ? NT : in.ntrait;
+    const std::int64_t nt = NT > 0 ? NT : in.ntrait, nv = value_stride(NT > 0 ? NT : in.ntrait);
     const std::int64_t before = term.first - nt;
     const double* const x = in.x;
     const std::int32_t* const levels = in.effect.data + batch.first * in.effect.ld + term.row;
@@ -62,15 +62,16 @@ void gather_class(const record_input& in, const record_term& term, record_block 
         const std::int64_t level = levels[i * in.effect.ld];
         if (level < 1) continue;
         const double* const own = x + (before + level * nt);
-        for (std::int32_t t = 0; t < nt; ++t)
-            v[i * nt + t] += share<M>(term, t, 1.0) * own[place<M>(term, t)];
+        trait_values<NT> sum(v + i * nv);
+        for (std::int32_t t = 0; t < nt; ++t) sum[t] += share<M>(term, t, 1.0) * own[place<M>(term, t)];
+        sum.store(v + i * nv);
     }
 }
 
 template <int NT, trait_map M>
 void scatter_class(const record_input& in, const record_term& term, record_block batch,
                    const record_scratch& s, std::size_t, scatter_target target) {
-    const std::int64_t nt = NT > 0 ? NT : in.ntrait;
+    const std::int64_t nt = NT > 0 ? NT : in.ntrait, nv = value_stride(NT > 0 ? NT : in.ntrait);
     const std::int64_t before = term.first - nt - target.lo;
     const std::int32_t* const levels = in.effect.data + batch.first * in.effect.ld + term.row;
     const double* const w = s.w.data();
@@ -79,8 +80,14 @@ void scatter_class(const record_input& in, const record_term& term, record_block
         const std::int64_t level = levels[i * in.effect.ld];
         if (level < 1) continue;
         double* const own = target.data + (before + level * nt);
-        for (std::int32_t t = 0; t < nt; ++t)
-            own[place<M>(term, t)] += share<M>(term, t, 1.0) * w[i * nt + t];
+        if constexpr (M == trait_map::slots) {
+            for (std::int32_t t = 0; t < nt; ++t)
+                own[place<M>(term, t)] += share<M>(term, t, 1.0) * w[i * nv + t];
+        } else {
+            trait_values<NT> sum(own);
+            for (std::int32_t t = 0; t < nt; ++t) sum[t] += share<M>(term, t, 1.0) * w[i * nv + t];
+            sum.store(own);
+        }
     }
 }
 
@@ -89,13 +96,13 @@ void scatter_class(const record_input& in, const record_term& term, record_block
 template <int NT, trait_map M, int NX, bool rhs>
 void gather_covariable(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
                        std::size_t k) {
-    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx;
+    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx, nv = value_stride(nt);
     std::int64_t* const equation = s.equation.data() + k * batch_size;
     const double** const coefficient = s.coefficient.data() + k * batch_size;
     double* v = s.v.data();
     const double* const from = term.x != nullptr ? term.x : in.x;
     const std::int32_t* levels = in.effect.data + batch.first * in.effect.ld;
-    for (std::int64_t i = 0; i < batch.end - batch.first; ++i, levels += in.effect.ld, v += nt) {
+    for (std::int64_t i = 0; i < batch.end - batch.first; ++i, levels += in.effect.ld, v += nv) {
         const double* const c = term.locate(levels, equation[i]);
         coefficient[i] = c;
         if (rhs || c == nullptr) continue;
@@ -110,14 +117,14 @@ void gather_covariable(const record_input& in, const record_term& term, record_b
 template <int NT, trait_map M, int NX>
 void scatter_covariable(const record_input& in, const record_term& term, record_block batch,
                         const record_scratch& s, std::size_t k, scatter_target target) {
-    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx;
+    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx, nv = value_stride(nt);
     const std::int64_t* const equation = s.equation.data() + k * batch_size;
     const double* const* const coefficient = s.coefficient.data() + k * batch_size;
     for (std::int64_t i = 0; i < batch.end - batch.first; ++i) {
         const double* const c = coefficient[i];
         if (c == nullptr) continue;
         double* r = target.data + (equation[i] - target.lo);
-        trait_values<NT> w(const_cast<double*>(s.w.data() + i * nt));
+        trait_values<NT> w(const_cast<double*>(s.w.data() + i * nv));
         for (std::int32_t j = 0; j < nx; ++j, r += nt)
             for (std::int32_t t = 0; t < nt; ++t) r[place<M>(term, t)] += share<M>(term, t, c[j]) * w[t];
     }
@@ -126,12 +133,12 @@ void scatter_covariable(const record_input& in, const record_term& term, record_
 /// w = R^-1 v of every record of a batch, with its weights on both sides.
 template <int NT, bool weighted>
 void apply_residuals(const record_input& in, record_block batch, record_scratch& s) {
-    const std::int32_t nt = NT > 0 ? NT : in.ntrait;
+    const std::int32_t nt = NT > 0 ? NT : in.ntrait, nv = value_stride(nt);
     const std::int32_t* classes = in.effect.data + batch.first * in.effect.ld + in.effect.rows - 1;
     const double* weight = weighted ? in.weight.data + batch.first * in.weight.ld : nullptr;
     double* v = s.v.data();
     double* w = s.w.data();
-    for (std::int64_t rec = batch.first; rec < batch.end; ++rec, v += nt, w += nt, classes += in.effect.ld) {
+    for (std::int64_t rec = batch.first; rec < batch.end; ++rec, v += nv, w += nv, classes += in.effect.ld) {
         const double* const rinv = in.rinv->of(in.combi[static_cast<std::size_t>(rec)], *classes);
         trait_values<NT> from(v), to(w);
         for (std::int32_t t = 0; weighted && t < nt; ++t) from[t] *= weight[t];
@@ -144,10 +151,6 @@ void apply_residuals(const record_input& in, record_block batch, record_scratch&
     }
 }
 
-using gather_loop = void (*)(const record_input&, const record_term&, record_block, record_scratch&,
-                             std::size_t);
-using scatter_loop = void (*)(const record_input&, const record_term&, record_block, const record_scratch&,
-                              std::size_t, scatter_target);
 struct term_loops {
     gather_loop gather;
     scatter_loop scatter;
@@ -162,7 +165,9 @@ term_loops covariable_loops(bool rhs) {
             scatter_covariable<NT, M, NX>};
 }
 template <int NT, trait_map M>
-term_loops loops_of(const record_term& term, bool rhs) {
+term_loops loops_of(const record_term& term, bool rhs, const wide_loops* wide) {
+    if (!term.covariable && M == trait_map::all && wide != nullptr)
+        return {rhs ? gather_loop{gather_nothing} : wide->gather_class, wide->scatter_class};
     if (!term.covariable)
         return {rhs ? gather_loop{gather_nothing} : gather_loop{gather_class<NT, M>}, scatter_class<NT, M>};
     if constexpr (M == trait_map::all && NT > 0) {
@@ -182,33 +187,34 @@ term_loops loops_of(const record_term& term, bool rhs) {
     return covariable_loops<NT, M, 0>(rhs);
 }
 template <int NT>
-term_loops loops_of(const record_input& in, const record_term& term) {
+term_loops loops_of(const record_input& in, const record_term& term, const wide_loops* wide) {
     const bool rhs = in.x == nullptr;
-    if (in.lcombieff) return loops_of<NT, trait_map::slots>(term, rhs);
-    return term.all_traits ? loops_of<NT, trait_map::all>(term, rhs)
-                           : loops_of<NT, trait_map::some>(term, rhs);
+    if (in.lcombieff) return loops_of<NT, trait_map::slots>(term, rhs, wide);
+    return term.all_traits ? loops_of<NT, trait_map::all>(term, rhs, wide)
+                           : loops_of<NT, trait_map::some>(term, rhs, wide);
 }
 
 template <int NT>
 void add_records_of(const record_input& in, record_block block, std::span<const scatter_target> targets,
                     record_scratch& s) {
     const std::size_t nterm = in.terms.size();
+    const std::int64_t nv = value_stride(in.ntrait);
+    const wide_loops* const wide = in.wide ? find_wide_loops(in.ntrait) : nullptr;
+    residual_loop residuals =
+        in.weight.data != nullptr ? apply_residuals<NT, true> : apply_residuals<NT, false>;
+    if (wide != nullptr) residuals = in.weight.data != nullptr ? wide->weighted_residuals : wide->residuals;
     for (std::int64_t first = block.first; first < block.end; first += batch_size) {
         const record_block batch{first, std::min(first + batch_size, block.end)};
-        const std::int64_t values = (batch.end - batch.first) * in.ntrait;
         if (in.x == nullptr)
             for (std::int64_t i = 0; i < batch.end - batch.first; ++i)
-                std::copy_n(in.y.data + (first + i) * in.y.ld, in.ntrait, s.v.data() + i * in.ntrait);
+                std::copy_n(in.y.data + (first + i) * in.y.ld, in.ntrait, s.v.data() + i * nv);
         else
-            std::fill_n(s.v.data(), values, 0.0);
+            std::fill_n(s.v.data(), (batch.end - batch.first) * nv, 0.0);
         for (std::size_t k = 0; k < nterm; ++k)
-            loops_of<NT>(in, in.terms[k]).gather(in, in.terms[k], batch, s, k);
-        if (in.weight.data != nullptr)
-            apply_residuals<NT, true>(in, batch, s);
-        else
-            apply_residuals<NT, false>(in, batch, s);
+            loops_of<NT>(in, in.terms[k], wide).gather(in, in.terms[k], batch, s, k);
+        residuals(in, batch, s);
         for (std::size_t k = 0; k < nterm; ++k)
-            loops_of<NT>(in, in.terms[k]).scatter(in, in.terms[k], batch, s, k, targets[k]);
+            loops_of<NT>(in, in.terms[k], wide).scatter(in, in.terms[k], batch, s, k, targets[k]);
     }
 }
 
@@ -274,8 +280,8 @@ std::vector<record_term> make_record_terms(const param_type& param, std::span<co
 record_scratch::record_scratch(const record_input& in)
     : equation(in.terms.size() * batch_size),
       coefficient(in.terms.size() * batch_size),
-      v(static_cast<std::size_t>(in.ntrait * batch_size)),
-      w(static_cast<std::size_t>(in.ntrait * batch_size)) {}
+      v(static_cast<std::size_t>(value_stride(in.ntrait) * batch_size)),
+      w(static_cast<std::size_t>(value_stride(in.ntrait) * batch_size)) {}
 
 void add_records(const record_input& in, record_block block, std::span<const scatter_target> targets,
                  record_scratch& scratch) {

@@ -42,6 +42,7 @@ struct run_state {
     std::unique_ptr<preconditioner> mija_global;
     modsolveriod::solver_state solver_iod;
     bool finite = true;  ///< false: the solver ended on solutions that may replace no earlier ones
+    gnuplot_run graph;   ///< of the convergence, drawn beside what follows the solver
 };
 
 /// Optional arguments of `initparfile`.

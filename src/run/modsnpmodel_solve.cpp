@@ -15,11 +15,15 @@
 namespace zendar {
 namespace {
 
+void keep(run_state& run, solver_result result) {
+    run.finite = result.finite;
+    run.graph = std::move(result.graph);
+}
+
 void solve_pcg_iod(run_state& run) {
     const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
-    run.finite =
-        solver_pcg_iod(run.param, *run.lhs_iod, *run.mija_global, run.solutions, groups, run.cov, run.log)
-            .finite;
+    keep(run,
+         solver_pcg_iod(run.param, *run.lhs_iod, *run.mija_global, run.solutions, groups, run.cov, run.log));
 }
 
 void solve_dpcg_iod(run_state& run) {
@@ -32,9 +36,8 @@ void solve_dpcg_iod(run_state& run) {
         return;
     }
     const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
-    run.finite = solver_dpcg_iod_comp(run.param, *run.lhs_iod, structured, *run.mija_global, z, run.solutions,
-                                      groups, run.cov, run.log)
-                     .finite;
+    keep(run, solver_dpcg_iod_comp(run.param, *run.lhs_iod, structured, *run.mija_global, z, run.solutions,
+                                   groups, run.cov, run.log));
 }
 
 void solve_dpcg_iod_real(run_state& run) {
@@ -44,16 +47,14 @@ void solve_dpcg_iod_real(run_state& run) {
     if (solver.computegalerkin) fatal(run.log, "Not implemented yet", "modsnpmodel", "solve");
     if (solver.convpart != 0) fatal(run.log, "not implemented yet 2", "modsnpmodel", "solve");
     const std::vector<equation_range> groups = convergence_groups(run.param, run.log);
-    run.finite = solver_dpcg_iod_real(run.param, *run.lhs_iod, *run.mija_global, z, run.solutions, groups,
-                                      run.cov, run.log)
-                     .finite;
+    keep(run, solver_dpcg_iod_real(run.param, *run.lhs_iod, *run.mija_global, z, run.solutions, groups,
+                                   run.cov, run.log));
 }
 
 void solve_cheb_iod(run_state& run) {
     run.rhs.assign(run.solutions.size(), 0.0);
-    run.finite =
-        solver_chebyshev_iod(run.param, *run.lhs_iod, *run.mija_global, run.solutions, run.rhs, run.log)
-            .finite;
+    keep(run,
+         solver_chebyshev_iod(run.param, *run.lhs_iod, *run.mija_global, run.solutions, run.rhs, run.log));
 }
 
 // ---- in memory -------------------------------------------------------------------------------------------
@@ -103,25 +104,24 @@ void solve_pardiso(run_state& run) {
 
 void solve_fpcg_inmem(run_state& run) {
     with_lhs(run, [&run](const auto& lhs) {
-        run.finite = solver_fpcg_inmem(lhs, first_equations(run.param), arguments_of(run)).finite;
+        keep(run, solver_fpcg_inmem(lhs, first_equations(run.param), arguments_of(run)));
     });
 }
 
 void solve_pcg_inmem(run_state& run) {
-    with_lhs(run,
-             [&run](const auto& lhs) { run.finite = solver_pcg_inmem(lhs, {}, arguments_of(run)).finite; });
+    with_lhs(run, [&run](const auto& lhs) { keep(run, solver_pcg_inmem(lhs, {}, arguments_of(run))); });
 }
 
 void solve_pcg_inmem_block(run_state& run) {
     with_lhs(run, [&run](const auto& lhs) {
-        run.finite = solver_pcg_inmem(lhs, first_equations(run.param), arguments_of(run)).finite;
+        keep(run, solver_pcg_inmem(lhs, first_equations(run.param), arguments_of(run)));
     });
 }
 
 void solve_dpcg_inmem(run_state& run) {
     const subdomains z = deflationmatrix(run.param, run.log);
     writeoutput_int4(run.param, z.of, "deflationmatrix.dat", run.log);
-    with_lhs(run, [&](const auto& lhs) { run.finite = solver_dpcg_inmem(lhs, z, arguments_of(run)).finite; });
+    with_lhs(run, [&](const auto& lhs) { keep(run, solver_dpcg_inmem(lhs, z, arguments_of(run))); });
 }
 
 /// One row per solver that is there.

@@ -53,6 +53,7 @@ bool run_stages(run_state& run, const run_arguments& arguments) {
         outputpevpec(run);
     }
     resetmemory(run);
+    run.graph.wait();  // the marker of the end tells that all files are there
     return true;
 }
 

@@ -62,7 +62,7 @@ solver_result iterate_inmem(const inmem_method& method, linear_system& system,
         method.deflation->correct(v.r, v.x);
         clear_empty();
     }
-    const solver_result result = report.finish(s, v.x);
+    solver_result result = report.finish(s, v.x);
     if (in.param.solver.computefinalrhs) computefinalrhs(in.param, system, v, in.log);
     return result;
 }

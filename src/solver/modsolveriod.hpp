@@ -8,6 +8,7 @@
 #include "modlinear.hpp"
 #include "modlogger.hpp"
 #include "modparameters.hpp"
+#include "modplot.hpp"
 #include "modstructure.hpp"
 
 /// Solvers by iteration on data: C is known by its products only.
@@ -36,6 +37,7 @@ struct equation_range {
 struct solver_result {
     std::int32_t counter = 2;  ///< one past the last update; an iteration 1 is the start
     bool finite = true;  ///< false: x holds values that are not finite, and may replace no earlier solutions
+    gnuplot_run graph = {};  ///< of the convergence, which may still be drawn
 };
 
 /// The groups of equations for which convergence is reported: one for each effect of `!conveffs`, or else the

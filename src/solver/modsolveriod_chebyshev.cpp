@@ -137,9 +137,10 @@ solver_result solver_chebyshev_iod(const param_type& param, linear_system& syste
     }
 
     clock.end(log, "All iterations (" + inttochar(i - 1) + ") ");
-    const solver_result result{.counter = i, .finite = detail::all_finite(x)};
+    solver_result result{.counter = i, .finite = detail::all_finite(x)};
     if (!result.finite || !std::isfinite(rr)) detail::warn_not_finite(log);
     graph.draw(i, i);
+    result.graph = graph.last();
     return result;
 }
 

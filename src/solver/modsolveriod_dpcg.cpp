@@ -131,7 +131,7 @@ solver_result solve_deflated(const dpcg_form& form, param_type& param, linear_sy
     // computeqbpluspx: x = Q b + P' x, as P' = I - Q C.
     system.r_equal_b_minus_atimesx(x, v.z, v.r);
     deflation->correct(v.r, x);
-    const solver_result result = report.finish(s, x);
+    solver_result result = report.finish(s, x);
     if (param.solver.computefinalrhs) computefinalrhs(param, system, v, log);
     return result;
 }

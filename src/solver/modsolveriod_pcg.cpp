@@ -27,7 +27,7 @@ solver_result solver_pcg_iod(param_type& param, linear_system& system, linear_pr
     detail::pcg_loop({.c = system, .m = preconditioner, .direction = direction, .residual = &system}, v, s,
                      report);
 
-    const solver_result result = report.finish(s, x);
+    solver_result result = report.finish(s, x);
     if (param.solver.computefinalrhs) detail::computefinalrhs(param, system, v, log);
     return result;
 }

@@ -130,12 +130,13 @@ void iteration_report::log_iteration(std::int32_t i, double tau, double seconds)
 
 solver_result iteration_report::finish(const pcg_state& s, std::span<const double> x) {
     clock_.end(log_, "All iterations (" + inttochar(s.i - 1) + ") ");
-    const solver_result result{.counter = s.i, .finite = all_finite(x)};
+    solver_result result{.counter = s.i, .finite = all_finite(x)};
     if (!result.finite || !std::isfinite(criteria_.selected())) warn_not_finite(log_);
 
     convergence_.reset();
     ritz_.reset();
     graph_.draw(s.i, s.i);
+    result.graph = graph_.last();
     if (t_ && s.i > 3) {
         const auto [lmin, lmax] = computecondnumber(*t_, s.i, log_);
         const double a = criteria_.ck() / lmin * solver_.eigmin;
