@@ -58,6 +58,7 @@ struct record_input;
 struct equation_bounds;
 struct ls_kernel;
 struct huge_effect;
+struct equation_stretch;
 struct external_terms;
 class external_term;
 class single_step_block;
@@ -167,8 +168,17 @@ class mme_iod final : public linear_system, public structured_operator {
   private:
     void setup_matrices();
     [[nodiscard]] const modmmeiod::ls_kernel* kernel() const;
-    /// Leaves the sums of huge effects pending.
-    void least_squares(const modmmeiod::record_input& in, std::span<double> r);
+    /// Leaves the sums of huge effects pending. Stretches of r that are started are added to, not
+    /// overwritten.
+    void least_squares(const modmmeiod::record_input& in, std::span<double> r,
+                       std::span<const modmmeiod::equation_stretch> started = {});
+    /// Effects without a pedigree: r = (I kron G^-1) x in their stretches, which saves r's way to memory and
+    /// back.
+    [[nodiscard]] std::vector<modmmeiod::equation_stretch> set_random_diagonals(std::span<const double> x,
+                                                                                std::span<double> r) const;
+    [[nodiscard]] bool begins_with(const effect_group& group) const;
+    /// The random part but for what r begins with.
+    void add_random_part(std::span<const double> x, std::span<double> r, bool begun, std::string& text);
     void summarize(modmmeiod::huge_effect& huge, std::span<double> r);
     void summarize_all(std::span<double> r);
     void computerandompart_huge(std::span<const double> x, std::span<double> r, std::string& text);

@@ -34,13 +34,22 @@ std::vector<record_scratch> make_scratch(const record_input& in, std::int64_t nb
     return std::vector<record_scratch>(static_cast<std::size_t>(nblock), record_scratch(in));
 }
 
-/// Zeroes the results, each thread its part of each.
-void zero_results(const ls_work& work) {
-    for (const std::span<double> result : work.results) {
-        double* const r = result.data();
-        const std::int64_t n = std::ssize(result);
+/// Zeroes [first, end) of a result, each thread its part.
+void zero_stretch(double* r, std::int64_t first, std::int64_t end) {
 #pragma omp for schedule(static)
-        for (std::int64_t i = 0; i < n; ++i) r[i] = 0.0;
+    for (std::int64_t i = first; i < end; ++i) r[i] = 0.0;
+}
+
+/// Zeroes the results where they hold no sums.
+void zero_results(const ls_work& work) {
+    std::int64_t first = 0;
+    for (const equation_stretch& held : work.started) {
+        zero_stretch(work.results[0].data(), first, held.first);
+        first = held.end;
+    }
+    for (const std::span<double> result : work.results) {
+        zero_stretch(result.data(), first, std::ssize(result));
+        first = 0;
     }
 }
 

@@ -2,11 +2,17 @@
 
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "modmmeiod_detail.hpp"
 
 /// The least-squares kernels: they differ in how the threads share the scatter, and so in memory and speed.
 namespace zendar::modmmeiod {
+
+/// Equations [first, end), from 0.
+struct equation_stretch {
+    std::int64_t first = 0, end = 0;
+};
 
 /// What a kernel works on besides the records.
 struct ls_work {
@@ -15,6 +21,8 @@ struct ls_work {
         residual;  ///< (thread, term), thread fastest; empty for the kernels with private copies
     /// Out, overwritten: r, of length neq, and one vector for each huge effect, as the terms number them.
     std::span<const std::span<double>> results;
+    /// Stretches of r, rising, that hold sums already, to which the kernel adds.
+    std::span<const equation_stretch> started;
     bool shared_equations = false;  ///< two effects may share equations of r
 };
 

@@ -6,6 +6,7 @@
 #include "modmmeiod_a22i.hpp"
 #include "modmmeiod_detail.hpp"
 #include "modmmeiod_external.hpp"
+#include "modmmeiod_ls.hpp"
 #include "modmmeiod_random.hpp"
 #include "modstats.hpp"
 
@@ -54,8 +55,8 @@ namespace modmmeiod {
 
 namespace {
 
-/// r += G^-1 x of one level, N entries (0: any number).
-template <int N>
+/// r += G^-1 x of each level, or r = G^-1 x; N entries (0: any number).
+template <int N, bool set>
 void diagonal_levels(const effect_group& group, const double* x, double* r) {
     const std::int64_t order = N > 0 ? N : group.order(), nlevel = group.nlevel;
     const double* const ginv = group.ginv.data();
@@ -72,9 +73,26 @@ void diagonal_levels(const effect_group& group, const double* x, double* r) {
             for (std::int64_t i = 0; i < order; ++i) {
                 double sum = 0.0;
                 for (std::int64_t j = 0; j < order; ++j) sum += ginv[i * order + j] * own[j];
-                r[equation[i] + level * stride[i]] += sum;
+                double& own_r = r[equation[i] + level * stride[i]];
+                own_r = set ? sum : own_r + sum;
             }
         }
+    }
+}
+
+template <bool set>
+void diagonal_levels(const effect_group& group, std::span<const double> x, std::span<double> r) {
+    switch (group.order()) {
+        case 1:
+            return diagonal_levels<1, set>(group, x.data(), r.data());
+        case 2:
+            return diagonal_levels<2, set>(group, x.data(), r.data());
+        case 3:
+            return diagonal_levels<3, set>(group, x.data(), r.data());
+        case 4:
+            return diagonal_levels<4, set>(group, x.data(), r.data());
+        default:
+            return diagonal_levels<0, set>(group, x.data(), r.data());
     }
 }
 
@@ -82,18 +100,7 @@ void diagonal_levels(const effect_group& group, const double* x, double* r) {
 
 void computerandompart_eff_dia_timesx(const effect_group& group, std::span<const double> x,
                                       std::span<double> r) {
-    switch (group.order()) {
-        case 1:
-            return diagonal_levels<1>(group, x.data(), r.data());
-        case 2:
-            return diagonal_levels<2>(group, x.data(), r.data());
-        case 3:
-            return diagonal_levels<3>(group, x.data(), r.data());
-        case 4:
-            return diagonal_levels<4>(group, x.data(), r.data());
-        default:
-            return diagonal_levels<0>(group, x.data(), r.data());
-    }
+    diagonal_levels<false>(group, x, r);
 }
 
 void addrandompart_a22i_timesx(const effect_group& group, a22_inverse& a22i, double weight, random_work& work,
@@ -178,12 +185,36 @@ const random_product* find_random_product(std::int32_t type_random, bool useaspa
 
 }  // namespace modmmeiod
 
+/// The groups whose I kron G^-1 is what r begins with.
+bool mme_iod::begins_with(const effect_group& group) const {
+    return param_.type_random[group.effect - 1] == 1 && !param_.landeffect && !param_.lcombieff;
+}
+
+std::vector<modmmeiod::equation_stretch> mme_iod::set_random_diagonals(std::span<const double> x,
+                                                                       std::span<double> r) const {
+    std::vector<modmmeiod::equation_stretch> set;
+    for (const effect_group& group : state_.groups) {
+        if (!begins_with(group)) continue;
+        modmmeiod::diagonal_levels<true>(group, x, r);
+        for (std::int32_t e = group.effect; e < group.effect + group.nmember; ++e) {
+            const std::int64_t first = param_.sumequation[e];
+            set.push_back({first, first + group.nlevel * param_.nx[e] * param_.ntrait});
+        }
+    }
+    std::ranges::sort(set, {}, &modmmeiod::equation_stretch::first);
+    return set;
+}
+
 void mme_iod::computerandompart(std::span<const double> x, std::span<double> r, std::string& text) {
+    add_random_part(x, r, false, text);
+}
+
+void mme_iod::add_random_part(std::span<const double> x, std::span<double> r, bool begun, std::string& text) {
     modmmeiod::random_work work{state_.tmpvector.span(), state_.tmpvector1, text};
     for (const effect_group& group : state_.groups) {
         const modmmeiod::random_product* product =
             modmmeiod::find_random_product(param_.type_random[group.effect - 1], param_.useasparse);
-        product->timesx(state_, group, work, x, r);
+        if (!begun || !begins_with(group)) product->timesx(state_, group, work, x, r);
         computerandompart_external(group, x, r, text);
     }
     addacrosseffectblock(x, r, text);
