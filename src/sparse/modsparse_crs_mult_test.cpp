@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "magnitude.hpp"
+#include "modsparse_crs_mult_spill.hpp"
 
 namespace zendar {
 namespace {
@@ -154,6 +155,13 @@ TEST(CrsMultiply, AgreesWithElementwiseSumsOnRandomMatrices) {
         check_random_case<std::int32_t>(seed);
         if (::testing::Test::HasFatalFailure()) return;
     }
+}
+
+TEST(CrsMultiply, AgreesWithElementwiseSumsOnAnyProcessor) {
+    crs_mult::fma_allowed() = false;
+    for (unsigned seed = 1; seed <= 240 && !::testing::Test::HasFatalFailure(); ++seed)
+        check_random_case<std::int32_t>(seed);
+    crs_mult::fma_allowed() = true;
 }
 
 TEST(CrsMultiply, AgreesWithElementwiseSumsWithWideIndices) {

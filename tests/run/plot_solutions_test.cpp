@@ -68,11 +68,11 @@ std::map<std::pair<int, int>, std::vector<double>> solutions_of(const std::strin
 TEST_F(PlotSolutionsRun, CountsTheSolutionsOfTheFile) {
     {
         const gnuplot_path path;
-        path.install("cp \"$1\" drawn\necho picture > solutions.png\n");
+        path.install("cp \"$1\" \"drawn_${1##*/}\"\necho picture > solutions.png\n");
         EXPECT_THAT(run("!plotsolutions\n"), Not(HasSubstr("No picture")));
     }
     EXPECT_EQ(run_.read("solutions.png"), "picture\n");
-    EXPECT_EQ(run_.read("drawn"), run_.read("solutions_graph.g"));
+    EXPECT_EQ(run_.read("drawn_solutions_graph.g"), run_.read("solutions_graph.g"));
 
     const auto blocks = bins_of(run_.read("solutions_graph.g"));
     const auto solutions = solutions_of(run_.read("solutions.dat"));
