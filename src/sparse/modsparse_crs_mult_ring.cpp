@@ -128,44 +128,45 @@ struct pairs_of {
     void store(double* to) const { l.store(to); }
 };
 
-/// The same as fours, with a pair behind them.
+/// The same as fours, with a pair behind them. Values go in and out by copies, as no array is aligned.
 template <int B>
 struct fours_of {
-    using four [[gnu::vector_size(32), gnu::aligned(8), gnu::may_alias]] = double;
-    using pair [[gnu::vector_size(16), gnu::aligned(8), gnu::may_alias]] = double;
+    using four [[gnu::vector_size(32)]] = double;
+    using pair [[gnu::vector_size(16)]] = double;
     static constexpr int fours = B / 4;
     static constexpr bool rest = B % 4 != 0;
     static_assert(B % 2 == 0);
-
-    [[gnu::always_inline]] static four& four_at(double* p, int k) {
-        return *reinterpret_cast<four*>(p + 4 * k);
-    }
-    [[gnu::always_inline]] static const four& four_at(const double* p, int k) {
-        return *reinterpret_cast<const four*>(p + 4 * k);
-    }
-    [[gnu::always_inline]] static pair& pair_at(double* p) { return *reinterpret_cast<pair*>(p + 4 * fours); }
-    [[gnu::always_inline]] static const pair& pair_at(const double* p) {
-        return *reinterpret_cast<const pair*>(p + 4 * fours);
-    }
 
     four f[fours > 0 ? fours : 1] = {};
     pair last = {};
 
     [[gnu::always_inline]] void load_times(const double* from, double factor) {
-        for (int k = 0; k < fours; ++k) f[k] = four_at(from, k) * factor;
-        if constexpr (rest) last = pair_at(from) * factor;
+        load(from);
+        for (int k = 0; k < fours; ++k) f[k] *= factor;
+        if constexpr (rest) last *= factor;
     }
     [[gnu::always_inline]] void add_product(double factor, const double* from) {
-        for (int k = 0; k < fours; ++k) f[k] += four_at(from, k) * factor;
-        if constexpr (rest) last += pair_at(from) * factor;
+        fours_of values;
+        values.load(from);
+        for (int k = 0; k < fours; ++k) f[k] += values.f[k] * factor;
+        if constexpr (rest) last += values.last * factor;
     }
     [[gnu::always_inline]] void add_to(double* to, double factor) const {
-        for (int k = 0; k < fours; ++k) four_at(to, k) += f[k] * factor;
-        if constexpr (rest) pair_at(to) += last * factor;
+        fours_of sums;
+        sums.load(to);
+        for (int k = 0; k < fours; ++k) sums.f[k] += f[k] * factor;
+        if constexpr (rest) sums.last += last * factor;
+        sums.store(to);
     }
     [[gnu::always_inline]] void store(double* to) const {
-        for (int k = 0; k < fours; ++k) four_at(to, k) = f[k];
-        if constexpr (rest) pair_at(to) = last;
+        for (int k = 0; k < fours; ++k) std::memcpy(to + 4 * k, &f[k], sizeof(four));
+        if constexpr (rest) std::memcpy(to + 4 * fours, &last, sizeof(pair));
+    }
+
+  private:
+    [[gnu::always_inline]] void load(const double* from) {
+        for (int k = 0; k < fours; ++k) std::memcpy(&f[k], from + 4 * k, sizeof(four));
+        if constexpr (rest) std::memcpy(&last, from + 4 * fours, sizeof(pair));
     }
 };
 
