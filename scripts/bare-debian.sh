@@ -93,9 +93,10 @@ include=
 # A mirror with certificates cannot be reached by a system without.
 case "$archives" in *https://*) include=--include=ca-certificates ;; esac
 echo "Installing Debian $release from $mirror into $root"
-debootstrap --variant=minbase $include $release "$root" "$mirror" >"$root.log" 2>&1 ||
-    { tail -20 "$root.log" >&2 && stop "debootstrap failed; its messages are in $root.log"; }
-rm -f "$root.log"
+log=$(mktemp)
+debootstrap --variant=minbase $include $release "$root" "$mirror" >"$log" 2>&1 ||
+    { tail -20 "$log" >&2 && stop "debootstrap failed; its messages are in $log"; }
+rm -f "$log"
 
 while read -r suite uri; do echo "deb $uri $suite main"; done <<<"$archives" >"$root/etc/apt/sources.list"
 apt-config dump | grep -E '^Acquire::(http|https|Check-|Retries|ForceIPv)' >"$root/etc/apt/apt.conf.d/90host" || true
