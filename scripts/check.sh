@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-packages.sh build test clang
+scripts/install-packages.sh build test clang package
 
 # What is compiled is kept for the test that executes the printed commands in a copy of the tree. It stands below this
 # one, so that its paths are the same for the cache; whether a warning is an error, and what a package calls the folder

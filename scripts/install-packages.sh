@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, and nothing when none is.
-# Usage: scripts/install-packages.sh build|test|clang ...
+# Usage: scripts/install-packages.sh build|test|clang|package ...
 set -euo pipefail
 
 build="g++ cmake ninja-build libopenblas-openmp-dev libmetis-dev libmumps-seq-dev libsuitesparse-dev"
 test="libgtest-dev libgmock-dev libbenchmark-dev ccache"
 clang="clang-16 libclang-rt-16-dev libomp-16-dev" # ThreadSanitizer and the fuzzers
+package="dpkg-dev file"
 
 wanted=""
 for group in "$@"; do
@@ -13,7 +14,8 @@ for group in "$@"; do
         build) wanted="$wanted $build" ;;
         test) wanted="$wanted $test" ;;
         clang) wanted="$wanted $clang" ;;
-        *) echo "usage: $0 build|test|clang ..." >&2; exit 2 ;;
+        package) wanted="$wanted $package" ;;
+        *) echo "usage: $0 build|test|clang|package ..." >&2; exit 2 ;;
     esac
 done
 
