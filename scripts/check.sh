@@ -14,4 +14,10 @@ export CCACHE_NOHASHDIR=1 CCACHE_IGNOREOPTIONS="-Werror -ffile-prefix-map=*" CCA
 
 cmake --preset release -DZENDAR_WERROR=ON -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
 cmake --build --preset release
-ctest --preset release -j "$(nproc)"
+if ctest --preset release -j "$(nproc)"; then exit; fi
+echo "What failed, once more:"
+awk '/^[0-9]+\/[0-9]+ Testing: / { n = 0 }
+     { line[n++] = $0 }
+     /^Test (Failed|timed out)/ { print line[0]; for (k = n > 40 ? n - 40 : 1; k < n; ++k) print line[k] }' \
+    build/release/Testing/Temporary/LastTest.log
+exit 1
