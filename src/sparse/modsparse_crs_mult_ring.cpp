@@ -8,8 +8,69 @@ namespace zendar::crs_mult {
 
 namespace {
 
-/// Equations go in and out by chunks, column by column.
+// Vectors in an array of doubles, which is aligned to one. Packed: clang forgets the alignment of a typedef
+// behind a reference.
+using four [[gnu::vector_size(32)]] = double;
+using pair [[gnu::vector_size(16)]] = double;
+template <class Vector>
+struct [[gnu::packed, gnu::may_alias]] within {
+    Vector v;
+};
+
+/// Equations go in and out by chunks, two columns at a time.
 constexpr std::int64_t chunk = 64;
+
+const within<pair>& pair_at(const double* at) {
+    return *reinterpret_cast<const within<pair>*>(at);
+}
+within<pair>& pair_at(double* at) {
+    return *reinterpret_cast<within<pair>*>(at);
+}
+
+/// Columns times a factor into rows of B values.
+template <int B>
+void into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to, double factor,
+               double* rows) {
+    std::int64_t j = 0;
+    for (; j + 1 < columns.cols; j += 2) {
+        const double* const a = columns.data + j * columns.ld;
+        const double* const b = a + columns.ld;
+        double* row = rows + j;
+        std::int64_t r = from;
+        for (; r + 1 < to; r += 2, row += 2 * B) {
+            const pair u = pair_at(a + r).v * factor, v = pair_at(b + r).v * factor;
+            pair_at(row).v = pair{u[0], v[0]};
+            pair_at(row + B).v = pair{u[1], v[1]};
+        }
+        if (r < to) pair_at(row).v = pair{a[r] * factor, b[r] * factor};
+    }
+    for (; j < columns.cols; ++j)
+        for (std::int64_t r = from; r < to; ++r)
+            rows[(r - from) * B + j] = columns.data[r + j * columns.ld] * factor;
+}
+
+/// And back.
+template <int B>
+void into_columns(const double* rows, std::int64_t from, std::int64_t to, matrix_view<double> columns) {
+    std::int64_t j = 0;
+    for (; j + 1 < columns.cols; j += 2) {
+        double* const a = columns.data + j * columns.ld;
+        double* const b = a + columns.ld;
+        const double* row = rows + j;
+        std::int64_t r = from;
+        for (; r + 1 < to; r += 2, row += 2 * B) {
+            const pair u = pair_at(row).v, v = pair_at(row + B).v;
+            pair_at(a + r).v = pair{u[0], v[0]};
+            pair_at(b + r).v = pair{u[1], v[1]};
+        }
+        if (r < to) {
+            a[r] = row[0];
+            b[r] = row[1];
+        }
+    }
+    for (; j < columns.cols; ++j)
+        for (std::int64_t r = from; r < to; ++r) columns.data[r + j * columns.ld] = rows[(r - from) * B + j];
+}
 
 template <int B>
 class ring {
@@ -44,20 +105,13 @@ class ring {
             const std::int64_t holding = std::clamp<std::int64_t>(ready_ - head_, 0, own);
             double* const xr = ring_x_ + offset(head_);
             double* const yr = ring_y_ + offset(head_);
+            if (end + chunk <= n_) prefetch(end);
             if (x_.cols < B) std::fill(xr, xr + rows * B, 0.0);
             if (x_.cols < B || own < rows || beta_ == 0.0) std::fill(yr, yr + rows * B, 0.0);
-            for (std::int64_t j = 0; j < x_.cols; ++j) {
-                const double* const x = x_.data + head_ + j * x_.ld;
-                const double* const y = y_.data + head_ + j * y_.ld;
-                if (end + chunk <= n_) {
-                    prefetch(x + rows);
-                    prefetch(y + rows);
-                }
-                for (std::int64_t r = 0; r < rows; ++r) xr[r * B + j] = x[r];
-                for (std::int64_t r = 0; r < holding; ++r) yr[r * B + j] = y[r];
-                if (beta_ != 0.0)
-                    for (std::int64_t r = holding; r < own; ++r) yr[r * B + j] = beta_ * y[r];
-            }
+            into_rows<B>(x_, head_, end, 1.0, xr);
+            if (holding > 0) into_rows<B>(y_, head_, head_ + holding, 1.0, yr);
+            if (beta_ != 0.0 && own > holding)
+                into_rows<B>(y_, head_ + holding, head_ + own, beta_, yr + holding * B);
             head_ = end;
         }
         ready_ = std::max(ready_, std::min(head_, to_));
@@ -65,11 +119,7 @@ class ring {
     /// The rows before `row` are through: their equations leave, by whole chunks or at the end.
     void leave(std::int64_t row) {
         if (row % chunk != 0 && row != to_) return;
-        const double* const yr = ring_y_ + offset(tail_);
-        for (std::int64_t j = 0; j < y_.cols; ++j) {
-            double* const y = y_.data + tail_ + j * y_.ld;
-            for (std::int64_t r = 0; r < row - tail_; ++r) y[r] = yr[r * B + j];
-        }
+        into_columns<B>(ring_y_ + offset(tail_), tail_, row, y_);
         tail_ = row;
     }
     /// An equation beyond the ring: adds a * xi to its y and gives its x.
@@ -96,8 +146,12 @@ class ring {
 
   private:
     /// The columns are too many streams for the processor to foresee.
-    static void prefetch(const double* from) {
-        for (std::int64_t r = 0; r < chunk; r += 8) __builtin_prefetch(from + r);
+    void prefetch(std::int64_t from) const {
+        for (std::int64_t j = 0; j < x_.cols; ++j)
+            for (std::int64_t r = from; r < from + chunk; r += 8) {
+                __builtin_prefetch(x_.data + r + j * x_.ld);
+                __builtin_prefetch(y_.data + r + j * y_.ld);
+            }
     }
     static std::int64_t offset(std::int64_t i) { return (i & (ring_size - 1)) * B; }
 
@@ -128,11 +182,9 @@ struct pairs_of {
     void store(double* to) const { l.store(to); }
 };
 
-/// The same as fours, with a pair behind them. Values go in and out by copies, as no array is aligned.
+/// The same as fours, with a pair behind them.
 template <int B>
 struct fours_of {
-    using four [[gnu::vector_size(32)]] = double;
-    using pair [[gnu::vector_size(16)]] = double;
     static constexpr int fours = B / 4;
     static constexpr bool rest = B % 4 != 0;
     static_assert(B % 2 == 0);
@@ -141,33 +193,28 @@ struct fours_of {
     pair last = {};
 
     [[gnu::always_inline]] void load_times(const double* from, double factor) {
-        load(from);
-        for (int k = 0; k < fours; ++k) f[k] *= factor;
-        if constexpr (rest) last *= factor;
+        for (int k = 0; k < fours; ++k) f[k] = four_at(from, k).v * factor;
+        if constexpr (rest) last = rest_at(from).v * factor;
     }
     [[gnu::always_inline]] void add_product(double factor, const double* from) {
-        fours_of values;
-        values.load(from);
-        for (int k = 0; k < fours; ++k) f[k] += values.f[k] * factor;
-        if constexpr (rest) last += values.last * factor;
+        for (int k = 0; k < fours; ++k) f[k] += four_at(from, k).v * factor;
+        if constexpr (rest) last += rest_at(from).v * factor;
     }
     [[gnu::always_inline]] void add_to(double* to, double factor) const {
-        fours_of sums;
-        sums.load(to);
-        for (int k = 0; k < fours; ++k) sums.f[k] += f[k] * factor;
-        if constexpr (rest) sums.last += last * factor;
-        sums.store(to);
+        for (int k = 0; k < fours; ++k) four_at(to, k).v += f[k] * factor;
+        if constexpr (rest) rest_at(to).v += last * factor;
     }
     [[gnu::always_inline]] void store(double* to) const {
-        for (int k = 0; k < fours; ++k) std::memcpy(to + 4 * k, &f[k], sizeof(four));
-        if constexpr (rest) std::memcpy(to + 4 * fours, &last, sizeof(pair));
+        for (int k = 0; k < fours; ++k) four_at(to, k).v = f[k];
+        if constexpr (rest) rest_at(to).v = last;
     }
 
   private:
-    [[gnu::always_inline]] void load(const double* from) {
-        for (int k = 0; k < fours; ++k) std::memcpy(&f[k], from + 4 * k, sizeof(four));
-        if constexpr (rest) std::memcpy(&last, from + 4 * fours, sizeof(pair));
+    static within<four>& four_at(double* at, int k) { return *reinterpret_cast<within<four>*>(at + 4 * k); }
+    static const within<four>& four_at(const double* at, int k) {
+        return *reinterpret_cast<const within<four>*>(at + 4 * k);
     }
+    static auto& rest_at(auto* at) { return pair_at(at + 4 * fours); }
 };
 
 template <int B, template <int> class Lanes, std::signed_integral Index>
