@@ -42,7 +42,7 @@ void BM_preconditionertimesx(benchmark::State& state) {
     std::vector<double> x(neq, 1.0), y(neq, 0.0), work;
     logger silent;
     for (auto _ : state) {
-        modpreconditioneriod::preconditionertimesx(y, m, x, work, silent);
+        benchmark::DoNotOptimize(modpreconditioneriod::preconditionertimesx(y, m, x, work, silent));
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(state.iterations() * bytes);

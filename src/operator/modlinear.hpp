@@ -44,13 +44,36 @@ class structured_operator {
     virtual void atimesx_onlyhuge(matrix_view<const double> x, matrix_view<double> r) = 0;
 };
 
+/// Of y = M^-1 x.
+struct preconditioned_sums {
+    double yy = 0.0, xy = 0.0;  ///< y'y and x'y
+
+    preconditioned_sums& operator+=(const preconditioned_sums& more) {
+        yy += more.yy;
+        xy += more.xy;
+        return *this;
+    }
+};
+
+/// Where a product does not add them up itself; both vectors have the same length.
+inline preconditioned_sums sums_of(std::span<const double> y, std::span<const double> x) {
+    const std::int64_t n = std::ssize(y);
+    double yy = 0.0, xy = 0.0;
+#pragma omp parallel for simd schedule(static) default(none) shared(y, x, n) reduction(+ : yy, xy)
+    for (std::int64_t i = 0; i < n; ++i) {
+        yy += y[i] * y[i];
+        xy += x[i] * y[i];
+    }
+    return {yy, xy};
+}
+
 /// M^-1, an approximation of C^-1.
 class linear_preconditioner {
   public:
     virtual ~linear_preconditioner() = default;
 
     /// y = M^-1 x; y is overwritten.
-    virtual void preconditionertimesx(std::span<double> y, std::span<const double> x) = 0;
+    virtual preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const double> x) = 0;
 };
 
 }  // namespace zendar

@@ -89,11 +89,13 @@ void mme_iod::r_equal_b_minus_atimesx(std::span<const double> x, std::span<doubl
 void mme_iod::finish_residual(std::span<const double> x, std::span<const double> b, std::span<double> r,
                               std::string& text) {
     step_clock clock(text);
-    atimesx(x, r);
-    clock.end("r = C * x               : ");
     const std::int64_t n = std::ssize(r);
-#pragma omp parallel for schedule(static) default(none) shared(b, r, n)
-    for (std::int64_t i = 0; i < n; ++i) r[i] = b[i] - r[i];
+    // Most runs start there, and need no product.
+    const bool from_zero = std::ranges::all_of(x, [](double value) { return value == 0.0; });
+    if (!from_zero) atimesx(x, r);
+    clock.end("r = C * x               : ");
+#pragma omp parallel for schedule(static) default(none) shared(b, r, n, from_zero)
+    for (std::int64_t i = 0; i < n; ++i) r[i] = from_zero ? b[i] : b[i] - r[i];
     clock.end("r = b - r               : ");
     write_raw_stream(b, rhs_file, log_);
     clock.end("Write b to rhstmp.stream: ");

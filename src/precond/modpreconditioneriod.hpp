@@ -155,14 +155,16 @@ std::int64_t invertpreconditioner_block(mija& part);
 /// groups, and kept from call to call.
 /// Moves 16 bytes an equation, and of each part what it holds.
 /// @throws fatal_error  for an unknown code.
-void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global, std::span<const double> x,
-                          std::vector<double>& work, logger& log);
+preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const mija> mija_global,
+                                         std::span<const double> x, std::vector<double>& work, logger& log);
 
 /// The products of all levels of a part whose equations are contiguous. Levels in parallel.
-void preconditionertimesx_block(std::span<double> y, const mija& part, std::span<const double> x);
+preconditioned_sums preconditionertimesx_block(std::span<double> y, const mija& part,
+                                               std::span<const double> x);
 
 /// The same for a part whose blocks gather their equations from several stretches.
-void preconditionertimesx_block_index(std::span<double> y, const mija& part, std::span<const double> x);
+preconditioned_sums preconditionertimesx_block_index(std::span<double> y, const mija& part,
+                                                     std::span<const double> x);
 
 // ---- files (modpreconditioneriod_print.cpp)
 // ---------------------------------------------------------------------
@@ -182,8 +184,8 @@ class preconditioner final : public linear_preconditioner {
         : mija_global_(std::move(mija_global)), log_(log) {}
 
     /// Logs the elapsed time.
-    void preconditionertimesx(std::span<double> y, std::span<const double> x) override {
-        modpreconditioneriod::preconditionertimesx(y, mija_global_, x, work_, log_);
+    preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const double> x) override {
+        return modpreconditioneriod::preconditionertimesx(y, mija_global_, x, work_, log_);
     }
     [[nodiscard]] std::span<const mija> mija_global() const noexcept { return mija_global_; }
 

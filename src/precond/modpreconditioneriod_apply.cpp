@@ -59,24 +59,38 @@ inline std::array<double, N> small_times_vector(const float* a, const std::array
 }
 
 template <int N>
-void contiguous_levels(double* y, const mija& part, const double* x) {
+preconditioned_sums contiguous_levels(double* y, const mija& part, const double* x) {
     const std::int64_t nlevel = part.dim3;
     const float* const block = part.block.data();
+    double yy = 0.0, xy = 0.0;
     if constexpr (N > 0) {
-#pragma omp parallel for schedule(static) default(none) shared(y, x, block, nlevel)
+#pragma omp parallel for schedule(static) default(none) shared(y, x, block, nlevel) reduction(+ : yy, xy)
         for (std::int64_t level = 0; level < nlevel; ++level) {
             std::array<double, N> own;
             for (int i = 0; i < N; ++i) own[i] = x[level * N + i];
             const auto product =
                 small_times_vector(block + level * packed(0, N), own, std::make_integer_sequence<int, N>{});
-            for (int i = 0; i < N; ++i) y[level * N + i] = product[i];
+            for (int i = 0; i < N; ++i) {
+                y[level * N + i] = product[i];
+                yy += product[i] * product[i];
+                xy += own[i] * product[i];
+            }
         }
     } else {
         const std::int64_t n = part.dim1, size = packed_size(part);
-#pragma omp parallel for schedule(static) default(none) shared(y, x, block, n, size, nlevel)
-        for (std::int64_t level = 0; level < nlevel; ++level)
-            packed_times_vector(block + level * size, n, x + level * n, y + level * n);
+#pragma omp parallel for schedule(static) default(none) shared(y, x, block, n, size, nlevel) \
+    reduction(+ : yy, xy)
+        for (std::int64_t level = 0; level < nlevel; ++level) {
+            const double* const own = x + level * n;
+            double* const product = y + level * n;
+            packed_times_vector(block + level * size, n, own, product);
+            for (std::int64_t i = 0; i < n; ++i) {
+                yy += product[i] * product[i];
+                xy += own[i] * product[i];
+            }
+        }
     }
+    return {yy, xy};
 }
 
 /// The places of a block's equations at the first level, and from one level to the next.
@@ -92,29 +106,36 @@ void places_of(std::span<const block_stretch> stretches, std::array<std::int64_t
 }
 
 template <int N>
-void gathered_small_levels(double* y, const mija& part, const double* x) {
+preconditioned_sums gathered_small_levels(double* y, const mija& part, const double* x) {
     const std::int64_t nlevel = part.dim3;
     const float* const block = part.block.data();
     std::array<std::int64_t, N> first, stride;
     places_of(part.stretches, first, stride);
+    double yy = 0.0, xy = 0.0;
 #pragma omp parallel for schedule(static) default(none) shared(y, x, block, nlevel) \
-    firstprivate(first, stride)
+    firstprivate(first, stride) reduction(+ : yy, xy)
     for (std::int64_t level = 0; level < nlevel; ++level) {
         std::array<double, N> own;
         for (int i = 0; i < N; ++i) own[i] = x[first[i] + level * stride[i]];
         const auto product =
             small_times_vector(block + level * packed(0, N), own, std::make_integer_sequence<int, N>{});
-        for (int i = 0; i < N; ++i) y[first[i] + level * stride[i]] = product[i];
+        for (int i = 0; i < N; ++i) {
+            y[first[i] + level * stride[i]] = product[i];
+            yy += product[i] * product[i];
+            xy += own[i] * product[i];
+        }
     }
+    return {yy, xy};
 }
 
 /// Gathers, multiplies and scatters. `work` has 2 n elements for each thread when n is beyond the stack's
 /// array.
-void gathered_levels(double* y, const mija& part, const double* x, double* work) {
+preconditioned_sums gathered_levels(double* y, const mija& part, const double* x, double* work) {
     const std::int64_t n = part.dim1, size = packed_size(part), nlevel = part.dim3;
     const float* const block = part.block.data();
     const std::span<const block_stretch> stretches = part.stretches;
-#pragma omp parallel default(none) shared(y, x, work, block, n, size, nlevel, stretches)
+    double yy = 0.0, xy = 0.0;
+#pragma omp parallel default(none) shared(y, x, work, block, n, size, nlevel, stretches) reduction(+ : yy, xy)
     {
         std::array<double, 2 * largest_on_stack> small;
         double* const from = n > largest_on_stack ? work + 2 * n * omp_get_thread_num() : small.data();
@@ -128,13 +149,18 @@ void gathered_levels(double* y, const mija& part, const double* x, double* work)
             place = 0;
             for (const block_stretch& s : stretches)
                 for (std::int64_t i = 0; i < s.length; ++i) y[s.first + level * s.stride + i] = to[place++];
+            for (std::int64_t i = 0; i < n; ++i) {
+                yy += to[i] * to[i];
+                xy += from[i] * to[i];
+            }
         }
     }
+    return {yy, xy};
 }
 
 /// Calls `action` with the order as a constant, 0 for the orders without a loop of their own.
 template <class Action>
-void with_order(std::int64_t order, Action&& action) {
+preconditioned_sums with_order(std::int64_t order, Action&& action) {
     static_assert(largest_small == 6);
     switch (order) {
         case 1:
@@ -154,44 +180,57 @@ void with_order(std::int64_t order, Action&& action) {
     }
 }
 
-void preconditionertimesx_diagonal(double* y, std::span<const mija> mija_global, const double* x) {
-    if (std::ranges::count(mija_global, precond_diagonal, &mija::type) == 0) return;
-#pragma omp parallel default(none) shared(y, x, mija_global)
+preconditioned_sums preconditionertimesx_diagonal(double* y, std::span<const mija> mija_global,
+                                                  const double* x) {
+    if (std::ranges::count(mija_global, precond_diagonal, &mija::type) == 0) return {};
+    double yy = 0.0, xy = 0.0;
+#pragma omp parallel default(none) shared(y, x, mija_global) reduction(+ : yy, xy)
     for (const mija& part : mija_global) {
         if (part.type != precond_diagonal) continue;
         const float* const d = part.mat.data();
         double* const to = y + part.first - 1;
         const double* const own = x + part.first - 1;
-        const std::int64_t n = part.dim1;
-#pragma omp for schedule(static) nowait
-        for (std::int64_t i = 0; i < n; ++i) to[i] = static_cast<double>(d[i]) * own[i];
+        const std::int64_t n = part.dim1, thread = omp_get_thread_num(), threads = omp_get_num_threads();
+        const std::int64_t begin = n * thread / threads, end = n * (thread + 1) / threads;
+#pragma omp simd reduction(+ : yy, xy)
+        for (std::int64_t i = begin; i < end; ++i) {
+            const double product = static_cast<double>(d[i]) * own[i];
+            to[i] = product;
+            yy += product * product;
+            xy += own[i] * product;
+        }
     }
+    return {yy, xy};
 }
 
 }  // namespace
 
-void preconditionertimesx_block(std::span<double> y, const mija& part, std::span<const double> x) {
+preconditioned_sums preconditionertimesx_block(std::span<double> y, const mija& part,
+                                               std::span<const double> x) {
     const std::int64_t offset = part.first - 1;
-    with_order(part.dim1,
-               [&](auto n) { contiguous_levels<n()>(y.data() + offset, part, x.data() + offset); });
-}
-
-void preconditionertimesx_block_index(std::span<double> y, const mija& part, std::span<const double> x) {
-    std::vector<double> work;
-    if (part.dim1 > largest_on_stack)
-        work.resize(static_cast<std::size_t>(2 * std::int64_t{part.dim1} * omp_get_max_threads()));
-    with_order(part.dim1, [&](auto n) {
-        if constexpr (n() > 0)
-            gathered_small_levels<n()>(y.data(), part, x.data());
-        else
-            gathered_levels(y.data(), part, x.data(), work.data());
+    return with_order(part.dim1, [&](auto n) {
+        return contiguous_levels<n()>(y.data() + offset, part, x.data() + offset);
     });
 }
 
-void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global, std::span<const double> x,
-                          std::vector<double>& work, logger& log) {
+preconditioned_sums preconditionertimesx_block_index(std::span<double> y, const mija& part,
+                                                     std::span<const double> x) {
+    std::vector<double> work;
+    if (part.dim1 > largest_on_stack)
+        work.resize(static_cast<std::size_t>(2 * std::int64_t{part.dim1} * omp_get_max_threads()));
+    return with_order(part.dim1, [&](auto n) {
+        if constexpr (n() > 0)
+            return gathered_small_levels<n()>(y.data(), part, x.data());
+        else
+            return gathered_levels(y.data(), part, x.data(), work.data());
+    });
+}
+
+preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const mija> mija_global,
+                                         std::span<const double> x, std::vector<double>& work, logger& log) {
     assert(y.size() == x.size());
     const wtime clock;
+    preconditioned_sums sums;
     for (const mija& part : mija_global)
         work.resize(std::max(work.size(), static_cast<std::size_t>(part.sparse.getdim(1))));
     for (const mija& part : mija_global) {
@@ -202,16 +241,19 @@ void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global
         switch (part.type) {
             case precond_dense:
                 solvs8(part.dense.view(), range(y), range(x));
+                sums += sums_of(range(y), range(x));
                 break;
             case precond_whole:
                 packed_times_vector(part.w.data(), part.dim1, range(x).data(), range(y).data());
+                sums += sums_of(range(y), range(x));
                 break;
             case precond_sparse:
             case precond_auto:
                 part.sparse.solveldlt_s(range(y), range(x), work);
+                sums += sums_of(range(y), range(x));
                 break;
             case precond_reorder:
-                preconditionertimesx_block_index(y, part, x);
+                sums += preconditionertimesx_block_index(y, part, x);
                 break;
             case precond_none:
             case precond_diagonal:
@@ -225,16 +267,15 @@ void preconditionertimesx(std::span<double> y, std::span<const mija> mija_global
                 unknown_code(part.type, "preconditionertimesx", log);
         }
     }
-    preconditionertimesx_diagonal(y.data(), mija_global, x.data());
+    sums += preconditionertimesx_diagonal(y.data(), mija_global, x.data());
     for (const mija& part : mija_global) {
         if (part.type != precond_block || part.block.empty())
             continue;  // empty: correlated with one before it
-        if (part.stretches.size() == 1)
-            preconditionertimesx_block(y, part, x);
-        else
-            preconditionertimesx_block_index(y, part, x);
+        sums += part.stretches.size() == 1 ? preconditionertimesx_block(y, part, x)
+                                           : preconditionertimesx_block_index(y, part, x);
     }
     log.message("  Elapsed time (s) - M-1 * x: " + realtochar(clock.seconds(), "(f0.3)"));
+    return sums;
 }
 
 }  // namespace zendar::modpreconditioneriod

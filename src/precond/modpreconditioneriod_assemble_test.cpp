@@ -284,9 +284,17 @@ TEST(CreateMijaLhs, AgreesWithTheCoefficientMatrix) {
         std::vector<double> x, y(model.param.neq, std::numeric_limits<double>::quiet_NaN()), tolerance;
         for (std::int32_t i = 0; i < model.param.neq; ++i) x.push_back(model.real());
         const std::vector<double> expected = expected_product(model, assembled, x, tolerance);
-        m.preconditionertimesx(y, x);
+        const preconditioned_sums sums = m.preconditionertimesx(y, x);
+        double yy = 0.0, xy = 0.0, size = 0.0;
         for (std::size_t i = 0; i < y.size(); ++i) {
             ASSERT_TRUE(std::isfinite(y[i])) << what << ", equation " << i;
+            yy += y[i] * y[i];
+            xy += x[i] * y[i];
+            size += std::fabs(x[i] * y[i]);
+        }
+        ASSERT_NEAR(sums.yy, yy, 1e-13 * yy) << what;
+        ASSERT_NEAR(sums.xy, xy, 1e-13 * size) << what;
+        for (std::size_t i = 0; i < y.size(); ++i) {
             if (tolerance[i] < 0.0) {
                 ++left_out;
                 continue;

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 
 #include "captured_log.hpp"
@@ -48,7 +49,15 @@ struct one_part {
     }
     [[nodiscard]] std::vector<double> times(const std::vector<double>& x) {
         std::vector<double> y(x.size(), -1.0), work;
-        preconditionertimesx(y, m, x, work, model.log);
+        const preconditioned_sums sums = preconditionertimesx(y, m, x, work, model.log);
+        double yy = 0.0, xy = 0.0, size = 0.0;
+        for (std::size_t i = 0; i < y.size(); ++i) {
+            yy += y[i] * y[i];
+            xy += x[i] * y[i];
+            size += std::fabs(x[i] * y[i]);
+        }
+        EXPECT_NEAR(sums.yy, yy, 1e-13 * yy);
+        EXPECT_NEAR(sums.xy, xy, 1e-13 * size);
         return y;
     }
 };

@@ -58,7 +58,7 @@ template <std::signed_integral Index>
 /// reciprocals. Dependent equations of a block, those with a diagonal of zero among them, have zeros in M^-1.
 class mija_lhs final : public linear_preconditioner {
   public:
-    void preconditionertimesx(std::span<double> y, std::span<const double> x) override;
+    preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const double> x) override;
 
     std::int64_t n = 0, block_size = 1;
     std::vector<double> inverse;  ///< block after block, each full and column-major
@@ -70,7 +70,7 @@ template <std::signed_integral Index>
 /// M of one diagonal block for each effect. The first application factorises the blocks.
 class mija_lhs_block final : public linear_preconditioner {
   public:
-    void preconditionertimesx(std::span<double> y, std::span<const double> x) override;
+    preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const double> x) override;
     /// The stored elements of the blocks, one block after the other, as "row column value" with the numbers
     /// of the equations in the whole system: upper triangles.
     /// @throws fatal_error  when the file cannot be written.

@@ -8,7 +8,7 @@ namespace {
 class flexible_rule final : public detail::direction_rule {
   public:
     explicit flexible_rule(std::int64_t n) : previous_(n) {}
-    detail::direction_sums operator()(const detail::pcg_vectors& v, double tau_old) override {
+    double operator()(const detail::pcg_vectors& v, double /*tau*/, double tau_old) override {
         return detail::update_direction_flexible(v.z, v.r, previous_, v.p, tau_old);
     }
 

@@ -44,8 +44,8 @@ solver_result iterate_inmem(const inmem_method& method, linear_system& system,
     if (std::ranges::all_of(in.b, is_zero)) std::ranges::fill(in.x, 0.0);
     if (!std::ranges::all_of(in.x, is_zero)) in.log.message("   Starting values were provided for PCG");
 
-    work_vector r(neq), p(neq), z(neq), w(neq);
-    const pcg_vectors v{.x = in.x, .r = r, .p = p, .z = z, .w = w};
+    work_vector r(neq), p(neq), z(neq);
+    const pcg_vectors v{.x = in.x, .r = r, .p = p, .z = z};
     system.r_equal_b_minus_atimesx(v.x, v.z, v.r);
     in.log.message("  Residual vector computed");
     start_report(preconditioner, method.deflation, v, report);

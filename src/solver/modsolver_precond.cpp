@@ -25,14 +25,14 @@ std::pair<std::int64_t, std::int64_t> row_of_block(crs_view<Index> c, std::int64
 
 // ---- blocks of a fixed size ------------------------------------------------------------------------------
 
-void mija_lhs::preconditionertimesx(std::span<double> y, std::span<const double> x) {
+preconditioned_sums mija_lhs::preconditionertimesx(std::span<double> y, std::span<const double> x) {
     assert(std::ssize(x) == n && std::ssize(y) == n);
     const std::int64_t size = block_size, neq = n, nblock = (n + size - 1) / size;
     const double* const m = inverse.data();
     if (size == 1) {
 #pragma omp parallel for simd schedule(static) default(none) shared(y, x, m, neq)
         for (std::int64_t i = 0; i < neq; ++i) y[i] = m[i] * x[i];
-        return;
+        return sums_of(y, x);
     }
 #pragma omp parallel for schedule(static) default(none) shared(y, x, m, neq, size, nblock)
     for (std::int64_t k = 0; k < nblock; ++k) {
@@ -44,6 +44,7 @@ void mija_lhs::preconditionertimesx(std::span<double> y, std::span<const double>
             y[first + i] = sum;
         }
     }
+    return sums_of(y, x);
 }
 
 template <std::signed_integral Index>
@@ -116,7 +117,7 @@ void mija_lhs_block::factorise() {
     factorised_ = true;
 }
 
-void mija_lhs_block::preconditionertimesx(std::span<double> y, std::span<const double> x) {
+preconditioned_sums mija_lhs_block::preconditionertimesx(std::span<double> y, std::span<const double> x) {
     if (!factorised_) factorise();
     for (std::size_t k = 0; k < block.size(); ++k) {
         const auto start = static_cast<std::size_t>(first[k] - 1);
@@ -124,6 +125,7 @@ void mija_lhs_block::preconditionertimesx(std::span<double> y, std::span<const d
         block[k].solveldlt_s(y.subspan(start, rows), x.subspan(start, rows), std::span(work_).first(rows));
     }
     for (const dependent_equation& q : dependent_) y[q.equation] += q.reciprocal * x[q.equation];
+    return sums_of(y, x);
 }
 
 void mija_lhs_block::print(const std::filesystem::path& path, logger& log) const {

@@ -50,7 +50,9 @@ TYPED_TEST(CreateMijaLhs, SolvesWithBlocksOfAnySize) {
         for (const int threads : {1, 4}) {
             omp_set_num_threads(threads);
             std::vector<double> y(n, 9.0);
-            m.preconditionertimesx(y, x);
+            const preconditioned_sums sums = m.preconditionertimesx(y, x);
+            EXPECT_NEAR(sums.yy, test::inner_product(y, y), 1e-12 * sums.yy);
+            EXPECT_NEAR(sums.xy, test::inner_product(x, y), 1e-12 * sums.xy);
             for (std::int64_t first = 0; first < n; first += size) {
                 const std::int64_t rows = std::min(size, n - first);
                 matrix<double> block(rows, rows);
@@ -113,7 +115,9 @@ TYPED_TEST(CreateMijaLhsBlock, HasTheSubmatrixOfEachEffect) {
 
     const std::vector<double> x = test::random_vector(n, this->generator_);
     std::vector<double> y(n, 9.0);
-    m.preconditionertimesx(y, x);
+    const preconditioned_sums sums = m.preconditionertimesx(y, x);
+    EXPECT_NEAR(sums.yy, test::inner_product(y, y), 1e-12 * sums.yy);
+    EXPECT_NEAR(sums.xy, test::inner_product(x, y), 1e-12 * sums.xy);
     for (std::size_t k = 0; k < 4; ++k) {
         const std::int64_t rows = last[k] - m.first[k] + 1, before = m.first[k] - 1;
         matrix<double> block(rows, rows);

@@ -41,22 +41,20 @@ class work_vector {
     std::unique_ptr<double[]> values_;
 };
 
-/// The vectors of an iteration; all have the same length and do not overlap.
+/// The vectors of an iteration; all have the same length and do not overlap. M^-1 r is not needed any more
+/// when C p is computed, so that both are z. Before and after the loop p is work.
 struct pcg_vectors {
-    std::span<double> x, r, p, z, w;
+    std::span<double> x, r, p, z;
 };
 
-struct direction_sums {
-    double zz = 0.0, tau = 0.0, beta = 0.0;
-};
-/// zz = z'z, tau = z'r, beta = tau / tau_old, p = z + beta p in one parallel region; 5 passes of 8 bytes.
-direction_sums update_direction(std::span<const double> z, std::span<const double> r, std::span<double> p,
-                                double tau_old);
+/// p = z + beta p; 3 passes of 8 bytes.
+void update_direction(std::span<const double> z, double beta, std::span<double> p);
 
 /// The flexible form, which holds when M changes between iterations: beta = z'(r - previous) / tau_old. r
 /// becomes `previous`. 8 passes of 8 bytes.
-direction_sums update_direction_flexible(std::span<const double> z, std::span<const double> r,
-                                         std::span<double> previous, std::span<double> p, double tau_old);
+/// @returns beta
+double update_direction_flexible(std::span<const double> z, std::span<const double> r,
+                                 std::span<double> previous, std::span<double> p, double tau_old);
 
 struct solution_sums {
     double alpha = 0.0;
@@ -73,6 +71,7 @@ solution_sums update_solution(double tau, std::span<const double> p, std::span<c
                               std::span<double> x, std::span<double> r,
                               null_step when_null = null_step::divide);
 
+void set_zero(std::span<double> v);
 double sum_of_squares(std::span<const double> v);
 /// The same over a range of equations.
 double sum_of_squares(std::span<const double> v, const equation_range& range);
@@ -102,8 +101,11 @@ class projector {
 class direction_rule {
   public:
     virtual ~direction_rule() = default;
-    virtual direction_sums operator()(const pcg_vectors& v, double tau_old) {
-        return update_direction(v.z, v.r, v.p, tau_old);
+    /// z is M^-1 r. @returns beta
+    virtual double operator()(const pcg_vectors& v, double tau, double tau_old) {
+        const double beta = tau / tau_old;
+        update_direction(v.z, beta, v.p);
+        return beta;
     }
 };
 
@@ -129,9 +131,9 @@ struct pcg_problem {
     /// of the update before, or where tau or p'w is null: what would follow has no direction. `rr` and
     /// `rr_old` of the state are set by the caller.
     bool ends_at_rounding = false;
-    /// When it is there, the iteration starts anew from b - C x where the residual was near rounding and grows
-    /// again. Of dependent equations the direction is then one that C does not see, and what follows would
-    /// undo the solution.
+    /// When it is there, the iteration starts anew from b - C x where the residual was near rounding and
+    /// grows again. Of dependent equations the direction is then one that C does not see, and what follows
+    /// would undo the solution.
     linear_system* restart = nullptr;
 };
 
@@ -263,15 +265,15 @@ void warn_not_finite(logger& log);
 /// Tells the memory of the vectors and the groups. @param more  doubles beside the work arrays of the system
 void announce(const linear_system& system, std::int64_t more, std::span<const equation_range> groups,
               logger& log);
-/// b in z and the residual in r, projected when there is a projector; then the start of the report. w is
-/// work.
+/// b in z and the residual in r, projected when there is a projector; then the start of the report. p is
+/// zero in the end.
 void start_iteration(linear_system& system, linear_preconditioner& preconditioner, projector* deflation,
                      const pcg_vectors& v, iteration_report& report, logger& log);
 /// The last part of it: b is in z and the residual in r.
 void start_report(linear_preconditioner& preconditioner, projector* deflation, const pcg_vectors& v,
                   iteration_report& report);
 /// `!computefinalrhs`: the right-hand side that the solutions solve exactly, beside the one that was given.
-/// w and z are work.
+/// p and z are work.
 void computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v, logger& log);
 
 }  // namespace zendar::detail

@@ -112,13 +112,13 @@ solver_result solve_deflated(const dpcg_form& form, param_type& param, linear_sy
 
     const std::unique_ptr<deflation_projector> deflation = make_projector();
 
-    work_vector p(neq), zv(neq), w(neq);
+    work_vector p(neq), zv(neq);
     log.message("");
     const build_stamp build = this_build();
     log.message("Start the " + std::string(form.start) + " (compiled on " + build.date + " at " + build.time +
                 ")");
     work_vector r(neq);
-    const pcg_vectors v{.x = x, .r = r, .p = p, .z = zv, .w = w};
+    const pcg_vectors v{.x = x, .r = r, .p = p, .z = zv};
 
     start_iteration(system, preconditioner, deflation.get(), v, report, log);
 

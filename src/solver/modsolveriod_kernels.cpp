@@ -24,38 +24,28 @@ double squares(const double* v, std::int64_t first, std::int64_t end) {
 
 work_vector::work_vector(std::int64_t n)
     : n_(n), values_(std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(n))) {
-    double* const v = values_.get();
+    set_zero(*this);
+}
+
+void set_zero(std::span<double> values) {
+    double* const v = values.data();
+    const std::int64_t n = std::ssize(values);
 #pragma omp parallel for schedule(static) default(none) shared(v, n)
     for (std::int64_t i = 0; i < n; ++i) v[i] = 0.0;
 }
 
-direction_sums update_direction(std::span<const double> z_values, std::span<const double> r_values,
-                                std::span<double> p_values, double tau_old) {
-    assert(z_values.size() == r_values.size() && p_values.size() == r_values.size());
+void update_direction(std::span<const double> z_values, double beta, std::span<double> p_values) {
+    assert(z_values.size() == p_values.size());
     const std::int64_t n = std::ssize(p_values);
     const double* const z = z_values.data();
-    const double* const r = r_values.data();
     double* const p = p_values.data();
-    double zz = 0.0, tau = 0.0, beta = 0.0;
-#pragma omp parallel default(none) shared(z, r, p, n, zz, tau, beta, tau_old)
-    {
-#pragma omp for simd schedule(static) reduction(+ : zz, tau)
-        for (std::int64_t i = 0; i < n; ++i) {
-            zz += z[i] * z[i];
-            tau += z[i] * r[i];
-        }
-        // By one thread, and a barrier behind it: cheaper than a second region.
-#pragma omp single
-        beta = tau / tau_old;
-#pragma omp for simd schedule(static)
-        for (std::int64_t i = 0; i < n; ++i) p[i] = multiply_add(beta, p[i], z[i]);
-    }
-    return {zz, tau, beta};
+#pragma omp parallel for simd schedule(static) default(none) shared(z, p, n, beta)
+    for (std::int64_t i = 0; i < n; ++i) p[i] = multiply_add(beta, p[i], z[i]);
 }
 
-direction_sums update_direction_flexible(std::span<const double> z_values, std::span<const double> r_values,
-                                         std::span<double> previous_values, std::span<double> p_values,
-                                         double tau_old) {
+double update_direction_flexible(std::span<const double> z_values, std::span<const double> r_values,
+                                 std::span<double> previous_values, std::span<double> p_values,
+                                 double tau_old) {
     assert(z_values.size() == r_values.size() && p_values.size() == r_values.size());
     assert(previous_values.size() == r_values.size());
     const std::int64_t n = std::ssize(p_values);
@@ -63,13 +53,11 @@ direction_sums update_direction_flexible(std::span<const double> z_values, std::
     const double* const r = r_values.data();
     double* const previous = previous_values.data();
     double* const p = p_values.data();
-    double zz = 0.0, tau = 0.0, change = 0.0, beta = 0.0;
-#pragma omp parallel default(none) shared(z, r, previous, p, n, zz, tau, change, beta, tau_old)
+    double change = 0.0, beta = 0.0;
+#pragma omp parallel default(none) shared(z, r, previous, p, n, change, beta, tau_old)
     {
-#pragma omp for schedule(static) reduction(+ : zz, tau, change)
+#pragma omp for schedule(static) reduction(+ : change)
         for (std::int64_t i = 0; i < n; ++i) {
-            zz += z[i] * z[i];
-            tau += z[i] * r[i];
             change += z[i] * (r[i] - previous[i]);
             previous[i] = r[i];
         }
@@ -78,7 +66,7 @@ direction_sums update_direction_flexible(std::span<const double> z_values, std::
 #pragma omp for simd schedule(static)
         for (std::int64_t i = 0; i < n; ++i) p[i] = multiply_add(beta, p[i], z[i]);
     }
-    return {zz, tau, beta};
+    return beta;
 }
 
 solution_sums update_solution(double tau, std::span<const double> p_values, std::span<const double> w_values,

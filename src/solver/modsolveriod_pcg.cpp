@@ -14,12 +14,12 @@ solver_result solver_pcg_iod(param_type& param, linear_system& system, linear_pr
     detail::check_groups(groups, neq, log);
     detail::iteration_report report(param, groups, cov, log);
 
-    detail::work_vector p(neq), z(neq), w(neq);
+    detail::work_vector p(neq), z(neq);
     log.message("");
     const build_stamp build = this_build();
     log.message("Start the PCG  (compiled on " + build.date + " at " + build.time + ")");
     detail::work_vector r(neq);
-    const detail::pcg_vectors v{.x = x, .r = r, .p = p, .z = z, .w = w};
+    const detail::pcg_vectors v{.x = x, .r = r, .p = p, .z = z};
 
     detail::start_iteration(system, preconditioner, nullptr, v, report, log);
     detail::direction_rule direction;

@@ -31,21 +31,21 @@ void start_iteration(linear_system& system, linear_preconditioner& preconditione
 void start_report(linear_preconditioner& preconditioner, projector* deflation, const pcg_vectors& v,
                   iteration_report& report) {
     const double bb = sum_of_squares(v.z);
-    preconditioner.preconditionertimesx(v.w, v.z);
-    const double normminvb = std::sqrt(sum_of_squares(v.w));
+    const double normminvb = std::sqrt(preconditioner.preconditionertimesx(v.p, v.z).yy);
+    set_zero(v.p);
     if (deflation != nullptr) deflation->project(v.r);
     report.start(v.z, v.r, bb, normminvb);
 }
 
 void computefinalrhs(const param_type& param, linear_system& system, const pcg_vectors& v, logger& log) {
-    system.atimesx(v.x, v.w);
-    writeoutputstream_real8(param, v.w, "manufactured_rhs.stream", log);
-    writeoutput_real8(param, v.w, "manufactured_rhs.dat", log);
+    system.atimesx(v.x, v.p);
+    writeoutputstream_real8(param, v.p, "manufactured_rhs.stream", log);
+    writeoutput_real8(param, v.p, "manufactured_rhs.dat", log);
     if (!system.read_savedb(v.z)) return;
 
     double dd = 0.0, bb = 0.0, largest = 0.0, sum = 0.0;
     for (std::int64_t i = 0; i < std::ssize(v.z); ++i) {
-        const double d = v.w[i] - v.z[i];
+        const double d = v.p[i] - v.z[i];
         dd += d * d;
         bb += v.z[i] * v.z[i];
         largest = std::max(largest, std::fabs(d));

@@ -79,14 +79,25 @@ class dense_system final : public linear_system {
     }
 };
 
+inline double inner_product(std::span<const double> a, std::span<const double> b) {
+    double sum = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i) sum += a[i] * b[i];
+    return sum;
+}
+
 /// M = diag(C); elements of 0 count as 1.
 class jacobi final : public linear_preconditioner {
   public:
     explicit jacobi(const matrix<double>& c) {
         for (std::int64_t i = 0; i < c.rows(); ++i) inverse.push_back(c(i, i) == 0.0 ? 1.0 : 1.0 / c(i, i));
     }
-    void preconditionertimesx(std::span<double> y, std::span<const double> x) override {
-        for (std::size_t i = 0; i < inverse.size(); ++i) y[i] = inverse[i] * x[i];
+    preconditioned_sums preconditionertimesx(std::span<double> y, std::span<const double> x) override {
+        preconditioned_sums sums;
+        for (std::size_t i = 0; i < inverse.size(); ++i) {
+            y[i] = inverse[i] * x[i];
+            sums += {y[i] * y[i], x[i] * y[i]};
+        }
+        return sums;
     }
     std::vector<double> inverse;
 };
