@@ -1,3 +1,5 @@
+#include <omp.h>
+
 #include <cassert>
 #include <cmath>
 #include <limits>
@@ -80,29 +82,31 @@ solution_sums update_solution(double tau, std::span<const double> p_values, std:
     double* const x = x_values.data();
     double* const r = r_values.data();
     double pw = 0.0, alpha = 0.0, dd = 0.0, maxdiff = 0.0, xx = 0.0, rr = 0.0;
-#pragma omp parallel default(none) \
-    shared(p, w, x, r, n, with_r, tau, pw, alpha, dd, maxdiff, xx, rr, when_null)
+#pragma omp parallel default(none) shared(p, w, x, r, n, with_r, tau, pw, alpha, when_null) \
+    reduction(+ : dd, xx, rr) reduction(max : maxdiff)
     {
 #pragma omp for simd schedule(static) reduction(+ : pw)
         for (std::int64_t i = 0; i < n; ++i) pw += p[i] * w[i];
 #pragma omp single
         alpha = when_null == null_step::rest && (is_null(tau) || is_null(pw)) ? 0.0 : tau / pw;
-        // Not simd: clang 16 then loses terms of these sums. Memory is the limit with one lane as well.
+        const std::int64_t thread = omp_get_thread_num(), threads = omp_get_num_threads();
+        const std::int64_t begin = n * thread / threads, end = n * (thread + 1) / threads;
+        const double step = alpha;
         if (with_r) {
-#pragma omp for schedule(static) reduction(+ : dd, xx, rr) reduction(max : maxdiff)
-            for (std::int64_t i = 0; i < n; ++i) {
-                const double d = alpha * p[i], size = std::fabs(d);
+#pragma omp simd reduction(+ : dd, xx, rr) reduction(max : maxdiff)
+            for (std::int64_t i = begin; i < end; ++i) {
+                const double d = step * p[i], size = std::fabs(d);
                 x[i] += d;
-                r[i] -= alpha * w[i];
+                r[i] -= step * w[i];
                 dd += d * d;
                 maxdiff = size > maxdiff ? size : maxdiff;
                 xx += x[i] * x[i];
                 rr += r[i] * r[i];
             }
         } else {
-#pragma omp for schedule(static) reduction(+ : dd, xx) reduction(max : maxdiff)
-            for (std::int64_t i = 0; i < n; ++i) {
-                const double d = alpha * p[i], size = std::fabs(d);
+#pragma omp simd reduction(+ : dd, xx) reduction(max : maxdiff)
+            for (std::int64_t i = begin; i < end; ++i) {
+                const double d = step * p[i], size = std::fabs(d);
                 x[i] += d;
                 dd += d * d;
                 maxdiff = size > maxdiff ? size : maxdiff;
