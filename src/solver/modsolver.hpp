@@ -113,7 +113,7 @@ struct inmem_arguments {
     logger& log;
 };
 
-/// Preconditioned conjugate gradients. Needs four vectors beside b and x.
+/// Preconditioned conjugate gradients. Needs three vectors beside b and x.
 /// @param first  empty: the diagonal is the preconditioner; else the blocks of `create_mija_lhs_block`, which
 ///               are also written to "mija_block.dat" when `printlhs` is set.
 /// @throws fatal_error  as the solvers on data, and for matrices that are not as told above.

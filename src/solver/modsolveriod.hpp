@@ -53,7 +53,7 @@ void destroy_solver_iod(modsolveriod::solver_state& state);
 
 /// Solves C x = b by preconditioned conjugate gradients.
 ///
-/// Needs four vectors beside x, and moves 13 * 8 * neq bytes an iteration besides the product and the
+/// Needs three vectors beside x, and moves 11 * 8 * neq bytes an iteration besides the product and the
 /// preconditioner. Each 50th iteration computes the residual anew, with one more product.
 ///
 /// Writes "convergence.dat", "ritzvalue.dat", "cvg_graph.g", "cvg.png" and "stats_previous_sol.dat" in the

@@ -37,7 +37,7 @@ struct dpcg_form {
     std::string_view start;  ///< what is started
     std::int64_t nsub;
     double mb_of_z;
-    std::int64_t work;  ///< doubles beside r, p, z, w and the work arrays of the system
+    std::int64_t work;  ///< doubles beside the vectors of the iteration and the work arrays of the system
 };
 
 /// The deflated iteration from its title to its solutions. `make_projector` is called when E^-1 is due.

@@ -10,6 +10,7 @@ namespace zendar::detail {
 void announce(const linear_system& system, std::int64_t more, std::span<const equation_range> groups,
               logger& log) {
     constexpr double mb_of_4_vectors = 1.0 / 32768.0, mb_of_double = 1.0 / 131072.0;
+    // The line counts w, which shares the memory of z.
     log.message("Memory (MB) needed for r,p,z,w  : " +
                 realtochar(static_cast<double>(system.size()) * mb_of_4_vectors, "(f0.2)"));
     log.message("Memory (MB) needed for tmp array: " +
