@@ -93,6 +93,13 @@ struct record_scratch {
     std::vector<std::int64_t> equation;
     std::vector<const double*> coefficient;
     std::vector<double> v, w;
+
+    /// A class effect whose blocks of the vector are asked for ahead of their use.
+    struct far_blocks {
+        std::int32_t row;  ///< of its levels
+        const double* x;   ///< where the block of level 0 would lie
+    };
+    std::vector<far_blocks> ahead;
 };
 
 /// Adds Z' R^-1 Z x (or Z' R^-1 y, without a vector) of a stretch of records to the targets, one per term.

@@ -9,10 +9,6 @@ namespace zendar::modmmeiod {
 
 namespace {
 
-/// Records are taken in batches, effect by effect, so that what is the same for all records of an effect is
-/// decided once a batch, and the loads of different records overlap.
-constexpr std::int64_t batch_size = 128;
-
 /// Which traits an effect has, and where: all of them in their order, some of them, or in slots of its own.
 enum class trait_map { all, some, slots };
 
@@ -51,7 +47,7 @@ struct trait_values<0> {
 /// Adds a class effect to the fitted values of a batch.
 template <int NT, trait_map M>
 void gather_class(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
-                  std::size_t) {
+                  std::size_t, scatter_target) {
     const std::int64_t nt = NT > 0 ? NT : in.ntrait, nv = value_stride(NT > 0 ? NT : in.ntrait);
     const std::int64_t before = term.first - nt;
     const double* const x = in.x;
@@ -95,7 +91,7 @@ void scatter_class(const record_input& in, const record_term& term, record_block
 /// their place, adds to the fitted values.
 template <int NT, trait_map M, int NX, bool rhs>
 void gather_covariable(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
-                       std::size_t k) {
+                       std::size_t k, scatter_target) {
     const std::int32_t nt = NT > 0 ? NT : in.ntrait, nx = NX > 0 ? NX : term.nx, nv = value_stride(nt);
     std::int64_t* const equation = s.equation.data() + k * batch_size;
     const double** const coefficient = s.coefficient.data() + k * batch_size;
@@ -130,9 +126,47 @@ void scatter_covariable(const record_input& in, const record_term& term, record_
     }
 }
 
+/// The same for a covariable that is not nested: all records have the same equations, whose values and sums
+/// stay in registers.
+template <int NT, int NX, bool rhs>
+void gather_regression(const record_input& in, const record_term& term, record_block batch, record_scratch& s,
+                       std::size_t k, scatter_target) {
+    const double** const coefficient = s.coefficient.data() + k * batch_size;
+    double* v = s.v.data();
+    trait_values<NX * NT> x(rhs ? v : in.x + term.first);  // the right-hand side takes none
+    const std::int32_t* levels = in.effect.data + batch.first * in.effect.ld;
+    std::int64_t equation = 0;
+    for (std::int64_t i = 0; i < batch.end - batch.first;
+         ++i, levels += in.effect.ld, v += value_stride(NT)) {
+        const double* const c = term.locate(levels, equation);
+        coefficient[i] = c;
+        if (rhs || c == nullptr) continue;
+        trait_values<NT> sum(v);
+        for (std::int32_t j = 0; j < NX; ++j)
+            for (std::int32_t t = 0; t < NT; ++t) sum[t] += c[j] * x[j * NT + t];
+        sum.store(v);
+    }
+}
+
+template <int NT, int NX>
+void scatter_regression(const record_input&, const record_term& term, record_block batch,
+                        const record_scratch& s, std::size_t k, scatter_target target) {
+    const double* const* const coefficient = s.coefficient.data() + k * batch_size;
+    double* const r = target.data + (term.first - target.lo);
+    trait_values<NX * NT> sum(r);
+    const double* w = s.w.data();
+    for (std::int64_t i = 0; i < batch.end - batch.first; ++i, w += value_stride(NT)) {
+        const double* const c = coefficient[i];
+        if (c == nullptr) continue;
+        for (std::int32_t j = 0; j < NX; ++j)
+            for (std::int32_t t = 0; t < NT; ++t) sum[j * NT + t] += c[j] * w[t];
+    }
+    sum.store(r);
+}
+
 /// w = R^-1 v of every record of a batch, with its weights on both sides.
 template <int NT, bool weighted>
-void apply_residuals(const record_input& in, record_block batch, record_scratch& s) {
+void apply_residuals(const record_input& in, record_block batch, record_scratch& s, std::int64_t) {
     const std::int32_t nt = NT > 0 ? NT : in.ntrait, nv = value_stride(nt);
     const std::int32_t* classes = in.effect.data + batch.first * in.effect.ld + in.effect.rows - 1;
     const double* weight = weighted ? in.weight.data + batch.first * in.weight.ld : nullptr;
@@ -156,10 +190,16 @@ struct term_loops {
     scatter_loop scatter;
 };
 
-void gather_nothing(const record_input&, const record_term&, record_block, record_scratch&, std::size_t) {}
+void gather_nothing(const record_input&, const record_term&, record_block, record_scratch&, std::size_t,
+                    scatter_target) {}
 
 template <int NT, trait_map M, int NX>
-term_loops covariable_loops(bool rhs) {
+term_loops covariable_loops(const record_term& term, bool rhs) {
+    if constexpr (NX > 0)
+        if (term.nested_row < 0 && !term.huge)
+            return {rhs ? gather_loop{gather_regression<NT, NX, true>}
+                        : gather_loop{gather_regression<NT, NX, false>},
+                    scatter_regression<NT, NX>};
     return {rhs ? gather_loop{gather_covariable<NT, M, NX, true>}
                 : gather_loop{gather_covariable<NT, M, NX, false>},
             scatter_covariable<NT, M, NX>};
@@ -173,18 +213,18 @@ term_loops loops_of(const record_term& term, bool rhs, const wide_loops* wide) {
     if constexpr (M == trait_map::all && NT > 0) {
         switch (term.nx) {
             case 1:
-                return covariable_loops<NT, M, 1>(rhs);
+                return covariable_loops<NT, M, 1>(term, rhs);
             case 2:
-                return covariable_loops<NT, M, 2>(rhs);
+                return covariable_loops<NT, M, 2>(term, rhs);
             case 3:
-                return covariable_loops<NT, M, 3>(rhs);
+                return covariable_loops<NT, M, 3>(term, rhs);
             case 4:
-                return covariable_loops<NT, M, 4>(rhs);
+                return covariable_loops<NT, M, 4>(term, rhs);
             default:
                 break;
         }
     }
-    return covariable_loops<NT, M, 0>(rhs);
+    return covariable_loops<NT, M, 0>(term, rhs);
 }
 template <int NT>
 term_loops loops_of(const record_input& in, const record_term& term, const wide_loops* wide) {
@@ -192,6 +232,16 @@ term_loops loops_of(const record_input& in, const record_term& term, const wide_
     if (in.lcombieff) return loops_of<NT, trait_map::slots>(term, rhs, wide);
     return term.all_traits ? loops_of<NT, trait_map::all>(term, rhs, wide)
                            : loops_of<NT, trait_map::some>(term, rhs, wide);
+}
+
+/// The blocks of the other effects stay in the nearest cache.
+void find_far_blocks(const record_input& in, record_scratch& s) {
+    constexpr std::int64_t near_equations = 4096;
+    s.ahead.clear();
+    if (in.x == nullptr) return;
+    for (const record_term& term : in.terms)
+        if (!term.covariable && term.last - term.first > near_equations)
+            s.ahead.push_back({term.row, in.x + (term.first - in.ntrait)});
 }
 
 template <int NT>
@@ -203,16 +253,21 @@ void add_records_of(const record_input& in, record_block block, std::span<const 
     residual_loop residuals =
         in.weight.data != nullptr ? apply_residuals<NT, true> : apply_residuals<NT, false>;
     if (wide != nullptr) residuals = in.weight.data != nullptr ? wide->weighted_residuals : wide->residuals;
+    find_far_blocks(in, s);
+    const bool starts_wide = wide != nullptr && in.x != nullptr && !in.lcombieff && nterm > 0 &&
+                             !in.terms[0].covariable && in.terms[0].all_traits;
     for (std::int64_t first = block.first; first < block.end; first += batch_size) {
         const record_block batch{first, std::min(first + batch_size, block.end)};
         if (in.x == nullptr)
             for (std::int64_t i = 0; i < batch.end - batch.first; ++i)
                 std::copy_n(in.y.data + (first + i) * in.y.ld, in.ntrait, s.v.data() + i * nv);
+        else if (starts_wide)
+            wide->first_class(in, in.terms[0], batch, s, 0, targets[0]);
         else
             std::fill_n(s.v.data(), (batch.end - batch.first) * nv, 0.0);
-        for (std::size_t k = 0; k < nterm; ++k)
-            loops_of<NT>(in, in.terms[k], wide).gather(in, in.terms[k], batch, s, k);
-        residuals(in, batch, s);
+        for (std::size_t k = starts_wide ? 1 : 0; k < nterm; ++k)
+            loops_of<NT>(in, in.terms[k], wide).gather(in, in.terms[k], batch, s, k, targets[k]);
+        residuals(in, batch, s, block.end);
         for (std::size_t k = 0; k < nterm; ++k)
             loops_of<NT>(in, in.terms[k], wide).scatter(in, in.terms[k], batch, s, k, targets[k]);
     }
@@ -281,7 +336,9 @@ record_scratch::record_scratch(const record_input& in)
     : equation(in.terms.size() * batch_size),
       coefficient(in.terms.size() * batch_size),
       v(static_cast<std::size_t>(value_stride(in.ntrait) * batch_size)),
-      w(static_cast<std::size_t>(value_stride(in.ntrait) * batch_size)) {}
+      w(static_cast<std::size_t>(value_stride(in.ntrait) * batch_size)) {
+    ahead.reserve(in.terms.size());
+}
 
 void add_records(const record_input& in, record_block block, std::span<const scatter_target> targets,
                  record_scratch& scratch) {

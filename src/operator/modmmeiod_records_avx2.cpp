@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "modmmeiod_records.hpp"
 
 #if defined(__x86_64__)
@@ -37,18 +39,24 @@ ZENDAR_AVX2 void add_to(double* p, const double* x) {
     }
 }
 
-template <int NT>
+template <int NT, bool first>
 ZENDAR_AVX2_LOOP void gather_class(const record_input& in, const record_term& term, record_block batch,
-                                   record_scratch& s, std::size_t) {
+                                   record_scratch& s, std::size_t, scatter_target target) {
     const double* const x = in.x;
     const std::int64_t before = term.first - NT;
+    const double* const sums = target.data + (before - target.lo);
     const std::int64_t step = in.effect.ld, n = batch.end - batch.first;
     const std::int32_t* levels = in.effect.data + batch.first * step + term.row;
     double* v = s.v.data();
     for (std::int64_t i = 0; i < n; ++i, levels += step, v += 4) {
         const std::int64_t level = *levels;
-        if (level < 1) continue;
-        _mm256_storeu_pd(v, _mm256_add_pd(_mm256_loadu_pd(v), load<NT>(x + (before + level * NT))));
+        if (level < 1) {
+            if (first) _mm256_storeu_pd(v, _mm256_setzero_pd());
+            continue;
+        }
+        __builtin_prefetch(sums + level * NT, 1);  // comes while the other effects are gathered
+        const __m256d own = load<NT>(x + (before + level * NT));
+        _mm256_storeu_pd(v, first ? own : _mm256_add_pd(_mm256_loadu_pd(v), own));
     }
 }
 
@@ -66,14 +74,22 @@ ZENDAR_AVX2_LOOP void scatter_class(const record_input& in, const record_term& t
     }
 }
 
+/// Asks for blocks of the vector for a record of the next batch. The loop over the residuals has little else
+/// to wait for, and hides the way to them.
+ZENDAR_AVX2 void ask_for_blocks(const record_scratch& s, const std::int32_t* levels, std::int64_t ntrait) {
+    for (const record_scratch::far_blocks& of : s.ahead) __builtin_prefetch(of.x + levels[of.row] * ntrait);
+}
+
 template <int NT, bool weighted>
-ZENDAR_AVX2_LOOP void apply_residuals(const record_input& in, record_block batch, record_scratch& s) {
+ZENDAR_AVX2_LOOP void apply_residuals(const record_input& in, record_block batch, record_scratch& s,
+                                      std::int64_t end) {
     const std::int64_t step = in.effect.ld;
     const std::int32_t* classes = in.effect.data + batch.first * step + in.effect.rows - 1;
     const double* weight = weighted ? in.weight.data + batch.first * in.weight.ld : nullptr;
     const double* v = s.v.data();
     double* w = s.w.data();
     for (std::int64_t rec = batch.first; rec < batch.end; ++rec, v += 4, w += 4, classes += step) {
+        ask_for_blocks(s, in.effect.data + std::min(rec + batch_size, end - 1) * step, NT);
         const double* const rinv = in.rinv->of(in.combi[static_cast<std::size_t>(rec)], *classes);
         __m256d from = _mm256_loadu_pd(v), weights = from;
         if constexpr (weighted) {
@@ -92,8 +108,8 @@ ZENDAR_AVX2_LOOP void apply_residuals(const record_input& in, record_block batch
 }
 
 template <int NT>
-constexpr wide_loops loops{gather_class<NT>, scatter_class<NT>, apply_residuals<NT, false>,
-                           apply_residuals<NT, true>};
+constexpr wide_loops loops{gather_class<NT, true>, gather_class<NT, false>, scatter_class<NT>,
+                           apply_residuals<NT, false>, apply_residuals<NT, true>};
 
 }  // namespace
 
