@@ -152,16 +152,19 @@ template <int NT, int NX>
 void scatter_regression(const record_input&, const record_term& term, record_block batch,
                         const record_scratch& s, std::size_t k, scatter_target target) {
     const double* const* const coefficient = s.coefficient.data() + k * batch_size;
-    double* const r = target.data + (term.first - target.lo);
-    trait_values<NX * NT> sum(r);
+    double sum[NX * NT] = {};
+    bool any = false;
     const double* w = s.w.data();
     for (std::int64_t i = 0; i < batch.end - batch.first; ++i, w += value_stride(NT)) {
         const double* const c = coefficient[i];
         if (c == nullptr) continue;
         for (std::int32_t j = 0; j < NX; ++j)
             for (std::int32_t t = 0; t < NT; ++t) sum[j * NT + t] += c[j] * w[t];
+        any = true;
     }
-    sum.store(r);
+    if (!any) return;  // the place may belong to another thread
+    double* const r = target.data + (term.first - target.lo);
+    for (std::int32_t q = 0; q < NX * NT; ++q) r[q] += sum[q];
 }
 
 /// w = R^-1 v of every record of a batch, with its weights on both sides.

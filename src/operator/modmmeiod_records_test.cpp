@@ -132,6 +132,19 @@ TEST_P(RecordLoops, GiveTheSameBitsInVectorsOfFour) {
     for (const bool rhs : {false, true}) EXPECT_EQ(sums(rhs, true), sums(rhs, false)) << rhs;
 }
 
+TEST_P(RecordLoops, LeaveTheSumsOfACovariableAloneThatNoRecordHas) {
+    for (std::int32_t rec = 0; rec < nrec; ++rec) levels_[rec * (neffect + 1) + 2] = 0;
+    for (const bool rhs : {false, true}) {
+        const record_input in = input(rhs, true);
+        record_scratch scratch(in);
+        std::vector<double> r(x_.size());
+        // Another thread may be writing there.
+        add_records(in, {0, nrec}, std::vector<scatter_target>{{r.data(), 0}, {r.data(), 0}, {nullptr, 0}},
+                    scratch);
+        EXPECT_THAT(r, testing::Pointwise(testing::DoubleNear(1e-10), expected(rhs))) << rhs;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Traits, RecordLoops, testing::Combine(testing::Range(1, 7), testing::Bool()));
 
 TEST(WideLoops, AreThereForThreeAndFourTraitsOnly) {
