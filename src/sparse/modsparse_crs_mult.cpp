@@ -12,8 +12,7 @@ namespace zendar {
 namespace crs_mult {
 
 template <std::signed_integral Index>
-std::vector<std::int64_t> row_bounds(crs_view<Index> m, int parts) {
-    constexpr std::int64_t row_cost = 2;  // of a row beside its elements
+std::vector<std::int64_t> row_bounds(crs_view<Index> m, int parts, std::int64_t row_cost) {
     const auto work = [&](std::int64_t row) { return std::int64_t{m.ia[row]} - 1 + row_cost * row; };
     std::vector<std::int64_t> bounds(static_cast<std::size_t>(parts) + 1, m.dim1);
     bounds[0] = 0;
@@ -32,8 +31,8 @@ std::vector<std::int64_t> row_bounds(crs_view<Index> m, int parts) {
     return bounds;
 }
 
-template std::vector<std::int64_t> row_bounds(crs_view<std::int32_t>, int);
-template std::vector<std::int64_t> row_bounds(crs_view<std::int64_t>, int);
+template std::vector<std::int64_t> row_bounds(crs_view<std::int32_t>, int, std::int64_t);
+template std::vector<std::int64_t> row_bounds(crs_view<std::int64_t>, int, std::int64_t);
 
 namespace {
 

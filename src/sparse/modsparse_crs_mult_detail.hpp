@@ -21,9 +21,9 @@ namespace zendar::crs_mult {
 inline constexpr int widest = 10;
 
 /// Rows below which the parts take turns: part p has rows bounds[p] .. bounds[p + 1] - 1, counted from 0.
-/// The cuts balance the elements.
+/// The cuts balance the elements, beside which a row costs as much as so many of them.
 template <std::signed_integral Index>
-std::vector<std::int64_t> row_bounds(crs_view<Index> m, int parts);
+std::vector<std::int64_t> row_bounds(crs_view<Index> m, int parts, std::int64_t row_cost = 2);
 
 /// The same for the entries of a vector.
 inline std::int64_t even_bound(std::int64_t n, int part, int parts) {
@@ -34,6 +34,77 @@ inline std::int64_t even_bound(std::int64_t n, int part, int parts) {
 inline std::unique_ptr<double[]> raw_memory(std::int64_t n) {
     return std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(std::max<std::int64_t>(n, 1)));
 }
+
+/// Doubles in a cache line; the first address in such memory at which one begins.
+inline constexpr std::int64_t line = 8;
+inline double* to_line(double* memory) {
+    const auto at = reinterpret_cast<std::uintptr_t>(memory) / sizeof(double);
+    return memory + (line - static_cast<std::int64_t>(at) % line) % line;
+}
+
+/// Asks for the value at an index, which may lie behind the array: it is not accessed.
+///
+/// @tparam Cache  1 to 3, the nearest cache that is to have it, the higher the nearer. @tparam Write  1: to
+/// write it.
+template <int Cache, int Write = 0, class T>
+[[gnu::always_inline]] inline void ask(const T* array, std::int64_t index) {
+    const auto at = reinterpret_cast<std::uintptr_t>(array) + static_cast<std::uintptr_t>(index) * sizeof(T);
+    __builtin_prefetch(reinterpret_cast<const void*>(at), Write, Cache);
+}
+
+/// Cache lines that the values of a row of average length take, rounded up.
+template <std::signed_integral Index>
+std::int64_t lines_of_row(crs_view<Index> m) {
+    const std::int64_t rows = std::max(m.dim1, 1);
+    return (std::ssize(m.a) + rows * line - 1) / (rows * line);
+}
+inline constexpr int any_lines = 3;
+/// work.template operator()<Lines>() with that number, `any_lines` at most.
+template <std::signed_integral Index>
+auto with_lines_of_row(crs_view<Index> m, auto&& work) {
+    switch (lines_of_row(m)) {
+        case 0:
+        case 1:
+            return work.template operator()<1>();
+        case 2:
+            return work.template operator()<2>();
+        default:
+            return work.template operator()<any_lines>();
+    }
+}
+
+/// Asks for the elements of rows to come. Several streams at a time are not read ahead as far as the memory
+/// would allow, the less so where rows end at places that are not foreseen: without asking, products take
+/// half as long again.
+///
+/// @tparam Cache  see `ask`. @tparam Lines  of a row of average length, `any_lines` from 3 on: with one or
+/// two, so
+///                many are asked for at each row, which is as good as exact, and no end of a loop is to be
+///                foreseen.
+template <std::signed_integral Index, int Cache, int Lines = any_lines>
+class elements_ahead {
+  public:
+    explicit elements_ahead(crs_view<Index> m) : a_(m.a.data()), ja_(m.ja.data()) {}
+
+    /// To be called for each row, with its elements [begin, end).
+    [[gnu::always_inline]] void ask_for(std::int64_t begin, std::int64_t end) const {
+        ask_line(begin);
+        if constexpr (Lines == 2) ask_line(begin + line);
+        if constexpr (Lines > 2)
+            for (std::int64_t k = begin + line; k < end; k += line) ask_line(k);
+    }
+
+  private:
+    static constexpr std::int64_t distance = 256;
+
+    [[gnu::always_inline]] void ask_line(std::int64_t k) const {
+        ask<Cache>(a_, k + distance);
+        ask<Cache>(ja_, k + distance);
+    }
+
+    const double* a_;
+    const Index* ja_;
+};
 
 /// B values side by side, in registers: all indices are constants.
 template <int B>

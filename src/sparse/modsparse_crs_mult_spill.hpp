@@ -41,6 +41,8 @@ struct spill {
         zero_rows<B>(sums, end - first, to - first);
         end = to;
     }
+    /// The same for all equations up to the last column of the rows; zeroing them is left to the caller.
+    void reach_to(std::int64_t last_column) { end = std::max(first, last_column); }
     template <int B>
     double* at(std::int64_t equation, std::int64_t n) {
         if (equation >= end) [[unlikely]]
@@ -57,8 +59,8 @@ struct spill_store {
     spill_store(const std::vector<std::int64_t>& bounds, std::int64_t n, int width) {
         std::int64_t size = 0;
         for (std::size_t p = 1; p < bounds.size(); ++p) size += (n - bounds[p]) * width;
-        memory = raw_memory(size);
-        double* next = memory.get();
+        memory = raw_memory(size + line);
+        double* next = to_line(memory.get());
         for (std::size_t p = 1; p < bounds.size(); ++p) {
             spills.push_back({next, bounds[p], bounds[p]});
             next += (n - bounds[p]) * width;
@@ -66,10 +68,50 @@ struct spill_store {
     }
 };
 
-/// Several columns whose elements lie near the diagonal.
+/// The last column of rows [from, to), counted from 1; 0 if they have no element.
+template <std::signed_integral Index>
+[[gnu::always_inline]] inline std::int64_t last_column(crs_view<Index> m, std::int64_t from,
+                                                       std::int64_t to) {
+    const std::int64_t first = m.ia[from] - 1, end = m.ia[to] - 1;
+    std::int64_t last = 0;
+    if (first == end) return last;
+    if (m.sorted) {
+        for (std::int64_t i = from; i < to; ++i)  // the last element before an empty row does no harm
+            last = std::max(last, std::int64_t{m.ja[std::max<std::int64_t>(m.ia[i + 1] - 2, first)]});
+    } else {
+        for (std::int64_t k = first; k < end; ++k) last = std::max(last, std::int64_t{m.ja[k]});
+    }
+    return last;
+}
+
+/// Adds the spills of earlier parts to the equations [from, to).
+template <int B>
+void add_spills(const std::vector<spill>& spills, int part, std::int64_t from, std::int64_t to, double* y) {
+    for (int p = 0; p < part; ++p) {
+        const spill& s = spills[p];
+        const std::int64_t begin = std::max(from, s.first), end = std::min(to, s.end);
+        for (std::int64_t k = begin * B; k < end * B; ++k) y[k] += s.sums[k - s.first * B];
+    }
+}
+
+/// One column whose elements lie near the diagonal: nearly all less than `front` equations from it, so that
+/// x and y are asked for as many equations ahead.
+template <std::signed_integral Index>
+void multiply_one_vector(crs_view<Index> m, double alpha, const double* x, double beta, double* y,
+                         std::int64_t front, int parts);
+
+/// Columns of the matrix anywhere: one vector, and several.
+template <std::signed_integral Index>
+void multiply_one_vector_far(crs_view<Index> m, double alpha, const double* x, double beta, double* y,
+                             int parts);
+template <int B, std::signed_integral Index>
+void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
+                  matrix_view<double> y, int parts);
+
+/// Several columns near the diagonal, the same as for one.
 template <int B, std::signed_integral Index>
 void multiply_near(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
-                   matrix_view<double> y, int parts);
+                   matrix_view<double> y, std::int64_t front, int parts);
 
 /// Equations that the ring of `multiply_near` holds; with the widest block both halves take 320 KiB.
 inline constexpr std::int64_t ring_size = 2048;

@@ -292,14 +292,77 @@ TEST_P(CrsMultiplyThreads, TakesVectorsBeyondTheCache) {
         m.ia.push_back(std::ssize(m.ja) + 1);
     }
     const matrix<double> x = random_matrix(n, 1, generator), before = random_matrix(n, 1, generator);
-    matrix<double> after = before, again = before;
     const threads used(GetParam());
+    for (const bool sorted : {false, true}) {
+        m.sorted = sorted;
+        if (sorted)
+            for (std::int32_t i = 0; i < n; ++i)
+                std::sort(m.ja.begin() + m.ia[i] - 1, m.ja.begin() + m.ia[i + 1] - 1);
+        matrix<double> after = before, again = before;
 
-    crs_multiply(m.view(), storage::symmetric_upper, false, 2.5, x.view(), -0.5, after.view());
-    crs_multiply(m.view(), storage::symmetric_upper, false, 2.5, x.view(), -0.5, again.view());
+        crs_multiply(m.view(), storage::symmetric_upper, false, 2.5, x.view(), -0.5, after.view());
+        crs_multiply(m.view(), storage::symmetric_upper, false, 2.5, x.view(), -0.5, again.view());
 
-    EXPECT_TRUE(after == again);
-    expect_product(m, storage::symmetric_upper, false, 2.5, x, -0.5, before, after);
+        EXPECT_TRUE(after == again);
+        expect_product(m, storage::symmetric_upper, false, 2.5, x, -0.5, before, after);
+    }
+}
+
+TEST_P(CrsMultiplyThreads, TakesStretchesOfEmptyRows) {
+    // Near the diagonal and anywhere; the last row before a stretch reaches beyond it.
+    constexpr std::int32_t n = 9000;
+    std::mt19937 generator(29);
+    const threads used(GetParam());
+    for (const std::int32_t reach : {300, n})
+        for (const std::int32_t stretch : {100, 1700}) {
+            rows_of_elements<std::int32_t> m{.dim1 = n, .dim2 = n, .sorted = true};
+            for (std::int32_t i = 0; i < n; ++i) {
+                if (i / stretch % 2 == 1) {  // the first stretch is empty
+                    std::vector<std::int32_t> columns;
+                    for (std::int32_t k = 0; k < 4; ++k)
+                        columns.push_back(
+                            i + 1 + static_cast<std::int32_t>(generator() % std::min(n - i, reach)));
+                    std::ranges::sort(columns);
+                    columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
+                    m.ja.insert(m.ja.end(), columns.begin(), columns.end());
+                    m.a.resize(m.ja.size(), 0.5 + 1.0 / (i + 1));
+                }
+                m.ia.push_back(static_cast<std::int32_t>(m.ja.size()) + 1);
+            }
+            for (const std::int64_t columns : {1, 3, 10}) {
+                const matrix<double> x = random_matrix(n, columns, generator);
+                const matrix<double> before = random_matrix(n, columns, generator);
+                matrix<double> after = before;
+
+                crs_multiply(m.view(), storage::symmetric_upper, false, 1.0, x.view(), 0.75, after.view());
+
+                expect_product(m, storage::symmetric_upper, false, 1.0, x, 0.75, before, after);
+            }
+        }
+}
+
+/// Rows shorter than a cache line, of one or two lines, and longer ones, in long vectors.
+TEST_P(CrsMultiplyThreads, TakesRowsOfAnyNumberOfLines) {
+    constexpr std::int32_t n = 300000;
+    std::mt19937 generator(31);
+    const threads used(GetParam());
+    for (const std::int32_t per_row : {2, 12, 30})
+        for (const bool anywhere : {false, true}) {
+            rows_of_elements<std::int32_t> m{.dim1 = n, .dim2 = n, .sorted = true};
+            for (std::int32_t i = 0; i < n; ++i) {
+                const std::int32_t step = anywhere ? std::max((n - i) / per_row, 1) : 3;
+                for (std::int32_t k = 0; k < per_row && i + k * step < n; ++k)
+                    m.ja.push_back(i + k * step + 1);
+                m.a.resize(m.ja.size(), 1.0 / (i + 1));
+                m.ia.push_back(static_cast<std::int32_t>(m.ja.size()) + 1);
+            }
+            const matrix<double> x = random_matrix(n, 1, generator), before = random_matrix(n, 1, generator);
+            matrix<double> after = before;
+
+            crs_multiply(m.view(), storage::symmetric_upper, false, -1.5, x.view(), 1.0, after.view());
+
+            expect_product(m, storage::symmetric_upper, false, -1.5, x, 1.0, before, after);
+        }
 }
 INSTANTIATE_TEST_SUITE_P(OneToEight, CrsMultiplyThreads, ::testing::Range(1, 9));
 

@@ -1,0 +1,210 @@
+#pragma once
+
+#include "modsparse_crs_mult_spill.hpp"
+
+/// Several columns side by side: B values in registers, and columns of a matrix as rows of B values and back,
+/// a few of each at a time.
+namespace zendar::crs_mult {
+
+// Vectors in an array of doubles, which is aligned to one. Packed: clang forgets the alignment of a typedef
+// behind a reference.
+using four [[gnu::vector_size(32)]] = double;
+using pair [[gnu::vector_size(16)]] = double;
+template <class Vector>
+struct [[gnu::packed, gnu::may_alias]] within {
+    Vector v;
+};
+[[gnu::always_inline]] inline const within<pair>& pair_at(const double* at) {
+    return *reinterpret_cast<const within<pair>*>(at);
+}
+[[gnu::always_inline]] inline within<pair>& pair_at(double* at) {
+    return *reinterpret_cast<within<pair>*>(at);
+}
+[[gnu::always_inline]] inline const within<four>& four_at(const double* at) {
+    return *reinterpret_cast<const within<four>*>(at);
+}
+[[gnu::always_inline]] inline within<four>& four_at(double* at) {
+    return *reinterpret_cast<within<four>*>(at);
+}
+
+/// Values [from, to) of the columns from j on as rows. The processor need have nothing but pairs;
+/// inlined, as instructions for pairs alone would wait where a processor has longer vectors in use.
+template <int B>
+[[gnu::always_inline]] inline void pairs_into_rows(matrix_view<const double> columns, std::int64_t j,
+                                                   std::int64_t from, std::int64_t to, double* rows) {
+    for (; j + 1 < columns.cols; j += 2) {
+        const double* const a = columns.data + j * columns.ld;
+        const double* const b = a + columns.ld;
+        double* row = rows + j;
+        std::int64_t r = from;
+        for (; r + 1 < to; r += 2, row += 2 * B) {
+            const pair u = pair_at(a + r).v, v = pair_at(b + r).v;
+            pair_at(row).v = pair{u[0], v[0]};
+            pair_at(row + B).v = pair{u[1], v[1]};
+        }
+        if (r < to) pair_at(row).v = pair{a[r], b[r]};
+    }
+    for (; j < columns.cols; ++j)
+        for (std::int64_t r = from; r < to; ++r) rows[(r - from) * B + j] = columns.data[r + j * columns.ld];
+}
+
+[[gnu::always_inline]] inline void add_pair(double* at, double beta, pair values) {
+    pair_at(at).v = beta == 0.0 ? values : beta * pair_at(at).v + values;
+}
+
+/// And back: columns = beta columns + rows; the columns are not read when beta is 0.
+template <int B>
+[[gnu::always_inline]] inline void add_pairs_to_columns(const double* rows, std::int64_t j, std::int64_t from,
+                                                        std::int64_t to, double beta,
+                                                        matrix_view<double> columns) {
+    for (; j < columns.cols; j += 2) {
+        double* const a = columns.data + j * columns.ld;
+        const bool both = j + 1 < columns.cols;
+        double* const b = both ? a + columns.ld : a;
+        const double* row = rows + j;
+        std::int64_t r = from;
+        for (; both && r + 1 < to; r += 2, row += 2 * B) {
+            const pair u = pair_at(row).v, v = pair_at(row + B).v;
+            add_pair(a + r, beta, pair{u[0], v[0]});
+            add_pair(b + r, beta, pair{u[1], v[1]});
+        }
+        for (; r < to; ++r, row += B) {
+            a[r] = beta == 0.0 ? row[0] : beta * a[r] + row[0];
+            if (both) b[r] = beta == 0.0 ? row[1] : beta * b[r] + row[1];
+        }
+    }
+}
+
+/// The same by four columns and two rows.
+template <int B>
+ZENDAR_FMA void fours_into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to,
+                                double* rows) {
+    std::int64_t j = 0;
+    const std::int64_t even = from + (to - from) / 2 * 2;
+    for (; j + 3 < columns.cols; j += 4) {
+        const double* const a = columns.data + j * columns.ld;
+        const double* const b = a + columns.ld;
+        const double* const c = b + columns.ld;
+        const double* const d = c + columns.ld;
+        double* row = rows + j;
+        for (std::int64_t r = from; r < even; r += 2, row += 2 * B) {
+            const four ac = __builtin_shufflevector(pair_at(a + r).v, pair_at(c + r).v, 0, 1, 2, 3);
+            const four bd = __builtin_shufflevector(pair_at(b + r).v, pair_at(d + r).v, 0, 1, 2, 3);
+            four_at(row).v = __builtin_shufflevector(ac, bd, 0, 4, 2, 6);
+            four_at(row + B).v = __builtin_shufflevector(ac, bd, 1, 5, 3, 7);
+        }
+        if (even < to) four_at(row).v = four{a[even], b[even], c[even], d[even]};
+    }
+    pairs_into_rows<B>(columns, j, from, to, rows);
+}
+template <int B>
+ZENDAR_FMA void add_fours_to_columns(const double* rows, std::int64_t from, std::int64_t to, double beta,
+                                     matrix_view<double> columns) {
+    std::int64_t j = 0;
+    const std::int64_t even = beta == 0.0 ? from : from + (to - from) / 2 * 2;
+    for (; j + 3 < columns.cols; j += 4) {
+        double* const a = columns.data + j * columns.ld;
+        double* const b = a + columns.ld;
+        double* const c = b + columns.ld;
+        double* const d = c + columns.ld;
+        const double* row = rows + j;
+        for (std::int64_t r = from; r < even; r += 2, row += 2 * B) {
+            const four u = four_at(row).v, v = four_at(row + B).v;
+            four ac = __builtin_shufflevector(pair_at(a + r).v, pair_at(c + r).v, 0, 1, 2, 3);
+            four bd = __builtin_shufflevector(pair_at(b + r).v, pair_at(d + r).v, 0, 1, 2, 3);
+            ac = beta * ac + __builtin_shufflevector(u, v, 0, 4, 2, 6);
+            bd = beta * bd + __builtin_shufflevector(u, v, 1, 5, 3, 7);
+            pair_at(a + r).v = __builtin_shufflevector(ac, ac, 0, 1);
+            pair_at(b + r).v = __builtin_shufflevector(bd, bd, 0, 1);
+            pair_at(c + r).v = __builtin_shufflevector(ac, ac, 2, 3);
+            pair_at(d + r).v = __builtin_shufflevector(bd, bd, 2, 3);
+        }
+    }
+    // The columns beside them, and the rows below.
+    add_pairs_to_columns<B>(rows, j, from, to, beta, columns);
+    const matrix_view<double> left{columns.data, columns.rows, j, columns.ld};
+    add_pairs_to_columns<B>(rows + (even - from) * B, 0, even, to, beta, left);
+}
+
+/// B values side by side as pairs, which every processor has.
+template <int B>
+struct pairs_of {
+    lanes<B> l;
+
+    [[gnu::always_inline]] void load_times(const double* from, double factor) {
+        l = lanes<B>::load(from).times(factor);
+    }
+    [[gnu::always_inline]] void add_product(double factor, const double* from) {
+        l.add(factor, lanes<B>::load(from));
+    }
+    [[gnu::always_inline]] void add_to(double* to, double factor) const { l.add_to(to, factor); }
+    void store(double* to) const { l.store(to); }
+
+    static void into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to,
+                          double* rows) {
+        pairs_into_rows<B>(columns, 0, from, to, rows);
+    }
+    static void add_to_columns(const double* rows, std::int64_t from, std::int64_t to, double beta,
+                               matrix_view<double> columns) {
+        add_pairs_to_columns<B>(rows, 0, from, to, beta, columns);
+    }
+};
+
+/// The same as fours, with a pair behind them.
+template <int B>
+struct fours_of {
+    static constexpr int fours = B / 4;
+    static constexpr bool rest = B % 4 != 0;
+    static_assert(B % 2 == 0);
+
+    four f[fours > 0 ? fours : 1] = {};
+    pair last = {};
+
+    [[gnu::always_inline]] void load_times(const double* from, double factor) {
+        for (int k = 0; k < fours; ++k) f[k] = four_at(from + 4 * k).v * factor;
+        if constexpr (rest) last = rest_at(from).v * factor;
+    }
+    [[gnu::always_inline]] void add_product(double factor, const double* from) {
+        for (int k = 0; k < fours; ++k) f[k] += four_at(from + 4 * k).v * factor;
+        if constexpr (rest) last += rest_at(from).v * factor;
+    }
+    [[gnu::always_inline]] void add_to(double* to, double factor) const {
+        for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v += f[k] * factor;
+        if constexpr (rest) rest_at(to).v += last * factor;
+    }
+    [[gnu::always_inline]] void store(double* to) const {
+        for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v = f[k];
+        if constexpr (rest) rest_at(to).v = last;
+    }
+
+    static void into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to,
+                          double* rows) {
+        fours_into_rows<B>(columns, from, to, rows);
+    }
+    static void add_to_columns(const double* rows, std::int64_t from, std::int64_t to, double beta,
+                               matrix_view<double> columns) {
+        add_fours_to_columns<B>(rows, from, to, beta, columns);
+    }
+
+  private:
+    static auto& rest_at(auto* at) { return pair_at(at + 4 * fours); }
+};
+
+/// The same as the processor has it.
+template <int B>
+void into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to, double* rows) {
+    if (has_fma())
+        fours_into_rows<B>(columns, from, to, rows);
+    else
+        pairs_into_rows<B>(columns, 0, from, to, rows);
+}
+template <int B>
+void add_to_columns(const double* rows, std::int64_t from, std::int64_t to, double beta,
+                    matrix_view<double> columns) {
+    if (has_fma())
+        add_fours_to_columns<B>(rows, from, to, beta, columns);
+    else
+        add_pairs_to_columns<B>(rows, 0, from, to, beta, columns);
+}
+
+}  // namespace zendar::crs_mult
