@@ -44,8 +44,8 @@ inline double* to_line(double* memory) {
 
 /// Asks for the value at an index, which may lie behind the array: it is not accessed.
 ///
-/// @tparam Cache  1 to 3, the nearest cache that is to have it, the higher the nearer. @tparam Write  1: to
-/// write it.
+/// @tparam Cache  1 to 3, the nearest cache that is to have it, the higher the nearer.
+/// @tparam Write  1: it is going to be written.
 template <int Cache, int Write = 0, class T>
 [[gnu::always_inline]] inline void ask(const T* array, std::int64_t index) {
     const auto at = reinterpret_cast<std::uintptr_t>(array) + static_cast<std::uintptr_t>(index) * sizeof(T);
@@ -77,16 +77,16 @@ auto with_lines_of_row(crs_view<Index> m, auto&& work) {
 /// would allow, the less so where rows end at places that are not foreseen: without asking, products take
 /// half as long again.
 ///
-/// @tparam Cache  see `ask`. @tparam Lines  of a row of average length, `any_lines` from 3 on: with one or
-/// two, so
-///                many are asked for at each row, which is as good as exact, and no end of a loop is to be
-///                foreseen.
+/// @tparam Cache  see `ask`.
+/// @tparam Lines  of a row of average length, `any_lines` from 3 on: with one or two, so many are asked for
+/// at
+///                each row, which is as good as exact, and no end of a loop is to be foreseen.
 template <std::signed_integral Index, int Cache, int Lines = any_lines>
 class elements_ahead {
   public:
     explicit elements_ahead(crs_view<Index> m) : a_(m.a.data()), ja_(m.ja.data()) {}
 
-    /// To be called for each row, with its elements [begin, end).
+    /// To be called for each row, or for a few together, with the elements [begin, end).
     [[gnu::always_inline]] void ask_for(std::int64_t begin, std::int64_t end) const {
         ask_line(begin);
         if constexpr (Lines == 2) ask_line(begin + line);

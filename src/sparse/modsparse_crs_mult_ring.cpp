@@ -8,8 +8,9 @@ namespace zendar::crs_mult {
 
 namespace {
 
-/// Equations go in and out by chunks, all columns of which are in the nearest cache.
-constexpr std::int64_t chunk = 16, quarter = 4;
+/// Equations go in and out by chunks, all columns of which are in the nearest cache. They are asked for by
+/// quarters, and so many equations before they go in.
+constexpr std::int64_t chunk = 16, quarter = chunk / 4, margin = 4 * chunk;
 
 /// The vectors of a product; x and y are asked for `front` equations before a row.
 struct vectors {
@@ -19,8 +20,8 @@ struct vectors {
     std::int64_t front;
 };
 
-/// Doubles that the rings of x and of what is scattered take. The distance between the two is not a multiple
-/// of a page: a value would be taken for the other one that has just been written.
+/// The ring of x comes first, that of what is scattered behind it. Their distance is not a multiple of a
+/// page, where reading the one would wait for writing the other.
 template <int B>
 constexpr std::int64_t distance_of_sums = ring_size * B + 256;
 template <int B>
@@ -169,17 +170,17 @@ template <int B, class Lanes, std::signed_integral Index>
     double* const sums = near.sums();
     for (std::int64_t i = from; i < to;) {
         const std::int64_t end = std::min((i / chunk + 1) * chunk, to);
-        const std::int64_t last = std::max(last_column(m, i, end), end);
-        if (m.sorted && last <= near.limit()) {
-            near.load(last - 1);
-            for (std::int64_t r = i; r < end; r += quarter) {
-                const std::int64_t next = std::min(r + quarter, end);
-                near.ask_ahead(r);
-                ahead.ask_for(m.ia[r] - 1, m.ia[next] - 1);
+        const std::int64_t last = m.sorted ? std::max(last_column(m, i, end), end) : near.limit() + 1;
+        const bool all_in_ring = last <= near.limit();
+        if (all_in_ring) near.load(last - 1);
+        for (std::int64_t r = i; r < end; r += quarter) {
+            const std::int64_t next = std::min(r + quarter, end);
+            near.ask_ahead(r);
+            ahead.ask_for(m.ia[r] - 1, m.ia[next] - 1);
+            if (all_in_ring)
                 rows_in_ring<B, Lanes>(m, r, next, alpha, x, sums);
-            }
-        } else {
-            any_rows(m, i, end, alpha, near);
+            else
+                any_rows(m, r, next, alpha, near);
         }
         near.leave(end);
         i = end;
@@ -210,8 +211,7 @@ void multiply_near(crs_view<Index> m, double alpha, matrix_view<const double> x,
     std::vector<spill>& spills = store.spills;
     const std::unique_ptr<double[]> memory = raw_memory(ring_memory<B> * parts);
     double* const rings = memory.get();
-    // Beyond the columns that a row reaches, and by so much that chunks go in before them.
-    const vectors v{x, y, beta, front + 64};
+    const vectors v{x, y, beta, front + margin};
     const auto rows = has_fma() ? rows_through_fma<B, Index> : rows_through_plain<B, Index>;
 #pragma omp parallel num_threads(parts) default(none) \
     shared(m, alpha, v, y, parts, bounds, spills, rings, rows)

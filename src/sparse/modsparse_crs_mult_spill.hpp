@@ -41,7 +41,7 @@ struct spill {
         zero_rows<B>(sums, end - first, to - first);
         end = to;
     }
-    /// The same for all equations up to the last column of the rows; zeroing them is left to the caller.
+    /// All equations up to a column, counted from 1; zeroing them is left to the caller.
     void reach_to(std::int64_t last_column) { end = std::max(first, last_column); }
     template <int B>
     double* at(std::int64_t equation, std::int64_t n) {

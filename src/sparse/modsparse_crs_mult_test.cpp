@@ -320,8 +320,8 @@ TEST_P(CrsMultiplyThreads, TakesStretchesOfEmptyRows) {
                 if (i / stretch % 2 == 1) {  // the first stretch is empty
                     std::vector<std::int32_t> columns;
                     for (std::int32_t k = 0; k < 4; ++k)
-                        columns.push_back(
-                            i + 1 + static_cast<std::int32_t>(generator() % std::min(n - i, reach)));
+                        columns.push_back(i + 1 +
+                                          static_cast<std::int32_t>(generator() % std::min(n - i, reach)));
                     std::ranges::sort(columns);
                     columns.erase(std::unique(columns.begin(), columns.end()), columns.end());
                     m.ja.insert(m.ja.end(), columns.begin(), columns.end());
