@@ -121,9 +121,19 @@ ZENDAR_FMA void add_fours_to_columns(const double* rows, std::int64_t from, std:
         }
     }
     // The columns beside them, and the rows below.
-    add_pairs_to_columns<B>(rows, j, from, to, beta, columns);
+    for (; j + 1 < columns.cols && beta != 0.0; j += 2) {
+        double* const a = columns.data + j * columns.ld;
+        double* const b = a + columns.ld;
+        const double* row = rows + j;
+        for (std::int64_t r = from; r < even; r += 2, row += 2 * B) {
+            const pair u = pair_at(row).v, v = pair_at(row + B).v;
+            pair_at(a + r).v = beta * pair_at(a + r).v + __builtin_shufflevector(u, v, 0, 2);
+            pair_at(b + r).v = beta * pair_at(b + r).v + __builtin_shufflevector(u, v, 1, 3);
+        }
+    }
+    if (j < columns.cols) add_pairs_to_columns<B>(rows, j, from, to, beta, columns);
     const matrix_view<double> left{columns.data, columns.rows, j, columns.ld};
-    add_pairs_to_columns<B>(rows + (even - from) * B, 0, even, to, beta, left);
+    if (even < to) add_pairs_to_columns<B>(rows + (even - from) * B, 0, even, to, beta, left);
 }
 
 /// B values side by side as pairs, which every processor has.
