@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -110,23 +109,22 @@ class elements_ahead {
 template <int B>
 class lanes {
     using pair [[gnu::vector_size(16)]] = double;
-    using unit = std::conditional_t<B == 1, double, pair>;
-    static constexpr std::size_t units = B == 1 ? 1 : B / 2;
-    static_assert(B == 1 || B % 2 == 0);
+    static constexpr std::size_t units = B / 2;
+    static_assert(B % 2 == 0);
 
-    unit u_[units]{};
+    pair u_[units]{};
 
     using all = std::make_index_sequence<units>;
-    static constexpr std::size_t step = sizeof(unit) / sizeof(double);
+    static constexpr std::size_t step = sizeof(pair) / sizeof(double);
 
     // Out of line, the values would pass through memory.
     template <std::size_t... K>
     [[gnu::always_inline]] void load(const double* from, std::index_sequence<K...>) {
-        (std::memcpy(&u_[K], from + K * step, sizeof(unit)), ...);
+        (std::memcpy(&u_[K], from + K * step, sizeof(pair)), ...);
     }
     template <std::size_t... K>
     [[gnu::always_inline]] void store(double* to, std::index_sequence<K...>) const {
-        (std::memcpy(to + K * step, &u_[K], sizeof(unit)), ...);
+        (std::memcpy(to + K * step, &u_[K], sizeof(pair)), ...);
     }
     template <std::size_t... K>
     [[gnu::always_inline]] void add(double factor, const lanes& l, std::index_sequence<K...>) {
@@ -167,17 +165,6 @@ void pack_rows(matrix_view<const double> x, std::int64_t from, std::int64_t to, 
         double* row = packed + i * B;
         for (std::int64_t j = 0; j < B; ++j) row[j] = j < x.cols ? x.data[i + j * x.ld] : 0.0;
     }
-}
-
-/// y = beta y + packed, for the rows [from, to).
-template <int B>
-void unpack_rows(const double* packed, double beta, std::int64_t from, std::int64_t to,
-                 matrix_view<double> y) {
-    for (std::int64_t i = from; i < to; ++i)
-        for (std::int64_t j = 0; j < y.cols; ++j) {
-            double& value = y.data[i + j * y.ld];
-            value = beta == 0.0 ? packed[i * B + j] : beta * value + packed[i * B + j];
-        }
 }
 
 /// The product with a matrix of which the upper triangle is stored.
