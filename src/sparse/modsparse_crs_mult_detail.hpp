@@ -77,9 +77,8 @@ auto with_lines_of_row(crs_view<Index> m, auto&& work) {
 /// half as long again.
 ///
 /// @tparam Cache  see `ask`.
-/// @tparam Lines  of a row of average length, `any_lines` from 3 on: with one or two, so many are asked for
-/// at
-///                each row, which is as good as exact, and no end of a loop is to be foreseen.
+/// @tparam Lines  of a row of average length, `any_lines` from 3 on: with one or two, so many are asked
+///                for at each row, which is as good as exact, and no end of a loop is to be foreseen.
 template <std::signed_integral Index, int Cache, int Lines = any_lines>
 class elements_ahead {
   public:

@@ -122,8 +122,8 @@ void part_of_rows(const product<Index>& p, const loops<Index>& loop, std::int64_
     else if (beta != 1.0)
         for (std::int64_t i = from; i < to; ++i) p.y[i] *= beta;
     if (!p.m.sorted) return loop.any(p, from, to, to, out);
-    constexpr std::int64_t together =
-        64;  // where a row reaches beyond the part, the next ones are likely to do so
+    // Where a row reaches beyond the part, the next ones are likely to do so.
+    constexpr std::int64_t together = 64;
     std::int64_t i = from;
     while (i < to && p.m.ia[i + 1] == 1) ++i;  // nothing stands before the first element
     while ((i = loop.within(p, i, to)) < to) {
