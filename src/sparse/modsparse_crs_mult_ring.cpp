@@ -97,7 +97,12 @@ class ring {
     template <int Write, class View>
     [[gnu::always_inline]] static void ask_columns(const View& columns, std::int64_t row) {
         const auto* at = columns.data;
-        for (std::int64_t j = 0; j < columns.cols; ++j, at += columns.ld) ask<3, Write>(at, row);
+        if (columns.cols == B) {
+#pragma GCC unroll 16
+            for (int j = 0; j < B; ++j, at += columns.ld) ask<3, Write>(at, row);
+        } else {
+            for (std::int64_t j = 0; j < columns.cols; ++j, at += columns.ld) ask<3, Write>(at, row);
+        }
     }
 
     std::int64_t n_, to_;
@@ -112,8 +117,10 @@ class ring {
 /// Rows whose equations are all in the ring, the diagonal element first, if there is one: none is looked at.
 template <int B, class Lanes, std::signed_integral Index>
 [[gnu::always_inline]] inline void rows_in_ring(crs_view<Index> m, std::int64_t from, std::int64_t to,
-                                                double alpha, const double* x, double* sums) {
+                                                double alpha, double* const ring_at) {
     const auto offset = ring<B, Lanes>::offset;
+    const double* const x = ring_at;
+    double* const sums = ring_at + distance_of_sums<B>;
     const Index* const ia = m.ia.data();
     const Index* const ja = m.ja.data();
     const double* const a = m.a.data();
@@ -166,8 +173,6 @@ template <int B, class Lanes, std::signed_integral Index>
 [[gnu::always_inline]] inline void rows_through(crs_view<Index> m, std::int64_t from, std::int64_t to,
                                                 double alpha, ring<B, Lanes>& near) {
     const elements_ahead<Index, 3> ahead(m);
-    const double* const x = near.x();
-    double* const sums = near.sums();
     for (std::int64_t i = from; i < to;) {
         const std::int64_t end = std::min((i / chunk + 1) * chunk, to);
         const std::int64_t last = m.sorted ? std::max(last_column(m, i, end), end) : near.limit() + 1;
@@ -178,7 +183,7 @@ template <int B, class Lanes, std::signed_integral Index>
             near.ask_ahead(r);
             ahead.ask_for(m.ia[r] - 1, m.ia[next] - 1);
             if (all_in_ring)
-                rows_in_ring<B, Lanes>(m, r, next, alpha, x, sums);
+                rows_in_ring<B, Lanes>(m, r, next, alpha, near.x());
             else
                 any_rows(m, r, next, alpha, near);
         }

@@ -171,16 +171,19 @@ struct fours_of {
     pair last = {};
 
     [[gnu::always_inline]] void load_times(const double* from, double factor) {
-        for (int k = 0; k < fours; ++k) f[k] = four_at(from + 4 * k).v * factor;
-        if constexpr (rest) last = rest_at(from).v * factor;
+        const four all = four{factor, factor, factor, factor};
+        for (int k = 0; k < fours; ++k) f[k] = four_at(from + 4 * k).v * all;
+        if constexpr (rest) last = rest_at(from).v * low(all);
     }
     [[gnu::always_inline]] void add_product(double factor, const double* from) {
-        for (int k = 0; k < fours; ++k) f[k] += four_at(from + 4 * k).v * factor;
-        if constexpr (rest) last += rest_at(from).v * factor;
+        const four all = four{factor, factor, factor, factor};
+        for (int k = 0; k < fours; ++k) f[k] += four_at(from + 4 * k).v * all;
+        if constexpr (rest) last += rest_at(from).v * low(all);
     }
     [[gnu::always_inline]] void add_to(double* to, double factor) const {
-        for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v += f[k] * factor;
-        if constexpr (rest) rest_at(to).v += last * factor;
+        const four all = four{factor, factor, factor, factor};
+        for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v += f[k] * all;
+        if constexpr (rest) rest_at(to).v += last * low(all);
     }
     [[gnu::always_inline]] void store(double* to) const {
         for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v = f[k];
@@ -198,6 +201,7 @@ struct fours_of {
 
   private:
     static auto& rest_at(auto* at) { return pair_at(at + 4 * fours); }
+    [[gnu::always_inline]] static pair low(four all) { return __builtin_shufflevector(all, all, 0, 1); }
 };
 
 /// The same as the processor has it.
