@@ -21,8 +21,8 @@ enum class storage : std::uint8_t {
 /// @param x  columns of length dim2 (dim1 when transposed), @param y  of length dim1 (dim2 when transposed);
 ///           they must not overlap.
 ///
-/// Threaded over rows. Where a row scatters (symmetric or transposed) each thread has partial sums of its own, which
-/// are added in the order of the threads, so that results repeat for a given number of threads.
+/// Threaded over rows. Where a row scatters (symmetric or transposed) each thread has columns of its own, or partial sums
+/// of its own, which are added in the order of the threads, so that results repeat for a given number of threads.
 template <std::signed_integral Index>
 void crs_multiply(crs_view<Index> m, storage s, bool transposed, double alpha, matrix_view<const double> x,
                   double beta, matrix_view<double> y);

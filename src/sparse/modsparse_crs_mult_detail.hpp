@@ -29,6 +29,12 @@ inline std::int64_t even_bound(std::int64_t n, int part, int parts) {
     return n * part / parts;
 }
 
+/// Calls work(begin, end) for the range [from, to) a few at a time.
+inline constexpr std::int64_t chunk = 16;
+void for_chunks(std::int64_t from, std::int64_t to, auto&& work) {
+    for (std::int64_t i = from; i < to; i += chunk) work(i, std::min(i + chunk, to));
+}
+
 /// Memory that is written before it is read: pages that no sum reaches are never touched.
 inline std::unique_ptr<double[]> raw_memory(std::int64_t n) {
     return std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(std::max<std::int64_t>(n, 1)));

@@ -148,7 +148,7 @@ void multiply_one_vector(crs_view<Index> m, double alpha, const double* x, doubl
 #pragma omp for schedule(static, 1)
         for (int t = 0; t < parts; ++t) part_of_rows(p, loop, bounds[t], bounds[t + 1], beta, spills[t]);
 #pragma omp for schedule(static, 1)
-        for (int t = 0; t < parts; ++t) add_spills<1>(spills, t, bounds[t], bounds[t + 1], y);
+        for (int t = 0; t < parts; ++t) add_spills(spills, t, bounds[t], bounds[t + 1], y);
     }
 }
 

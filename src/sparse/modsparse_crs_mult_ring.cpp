@@ -10,7 +10,7 @@ namespace {
 
 /// Equations go in and out by chunks, all columns of which are in the nearest cache. They are asked for by
 /// quarters, and so many equations before they go in.
-constexpr std::int64_t chunk = 16, quarter = chunk / 4, margin = 4 * chunk;
+constexpr std::int64_t quarter = chunk / 4, margin = 4 * chunk;
 
 /// The vectors of a product; x and y are asked for `front` equations before a row.
 struct vectors {

@@ -84,13 +84,13 @@ template <std::signed_integral Index>
     return last;
 }
 
-/// Adds the spills of earlier parts to the equations [from, to).
-template <int B>
-void add_spills(const std::vector<spill>& spills, int part, std::int64_t from, std::int64_t to, double* y) {
+/// Adds the spills of earlier parts, of one column, to the equations [from, to).
+inline void add_spills(const std::vector<spill>& spills, int part, std::int64_t from, std::int64_t to,
+                       double* y) {
     for (int p = 0; p < part; ++p) {
         const spill& s = spills[p];
         const std::int64_t begin = std::max(from, s.first), end = std::min(to, s.end);
-        for (std::int64_t k = begin * B; k < end * B; ++k) y[k] += s.sums[k - s.first * B];
+        for (std::int64_t k = begin; k < end; ++k) y[k] += s.sums[k - s.first];
     }
 }
 

@@ -9,7 +9,8 @@
 //
 //   near the diagonal    one vector       modsparse_crs_mult_near.cpp
 //                        several columns  modsparse_crs_mult_ring.cpp
-//   anywhere                              modsparse_crs_mult_far.cpp
+//   anywhere             one vector       modsparse_crs_mult_far.cpp
+//                        several columns  modsparse_crs_mult_batch.cpp
 
 namespace zendar::crs_mult {
 
