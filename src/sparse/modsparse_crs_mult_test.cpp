@@ -364,6 +364,29 @@ TEST_P(CrsMultiplyThreads, TakesRowsOfAnyNumberOfLines) {
             expect_product(m, storage::symmetric_upper, false, -1.5, x, 1.0, before, after);
         }
 }
+
+/// Rows longer than what is taken together, of which a thread may only have a few elements.
+TEST_P(CrsMultiplyThreads, TakesLongRowsTimesColumns) {
+    constexpr std::int32_t n = 2500;
+    std::mt19937 generator(37);
+    const threads used(GetParam());
+    for (const std::int32_t per_row : {15, 200})
+        for (const bool sorted : {false, true}) {
+            const auto m =
+                random_rows<std::int32_t>(n, n, true, pattern::anywhere, per_row, generator, sorted);
+            for (const std::int64_t columns : {2, 10}) {
+                const matrix<double> x = random_matrix(n, columns, generator);
+                const matrix<double> before = random_matrix(n, columns, generator);
+                matrix<double> after = before, again = before;
+
+                crs_multiply(m.view(), storage::symmetric_upper, false, 1.5, x.view(), 0.5, after.view());
+                crs_multiply(m.view(), storage::symmetric_upper, false, 1.5, x.view(), 0.5, again.view());
+
+                EXPECT_TRUE(after == again);
+                expect_product(m, storage::symmetric_upper, false, 1.5, x, 0.5, before, after);
+            }
+        }
+}
 INSTANTIATE_TEST_SUITE_P(OneToEight, CrsMultiplyThreads, ::testing::Range(1, 9));
 
 }  // namespace
