@@ -1,10 +1,10 @@
 #include "modsparse_crs_mult_rows.hpp"
 
-// Several columns, elements anywhere in long vectors. There is a row-major copy, of x and then of the sums of
-// what is scattered, so that an element costs one place in memory and not one per column; the places are
-// asked for ahead. Rows are shared out to be gathered, columns to be scattered: sums have one owner, and a
-// thread passes over the rows of others for its columns, which costs less than sums of its own for all
-// columns would, in memory above all.
+// Several columns, elements anywhere in long vectors. There is a row-major copy of x, so that an element
+// costs one place in memory and not one per column; the places are asked for ahead. The sums of a row take
+// the place of its x as soon as no row above is left, to which what is scattered is added. Rows are shared
+// out to be gathered, columns to be scattered: sums have one owner, and a thread passes over the rows of
+// others for its columns, which costs less than sums of its own for all columns would, in memory above all.
 
 namespace zendar::crs_mult {
 
@@ -18,15 +18,15 @@ template <int B, int Write>
     if constexpr (line % B != 0) __builtin_prefetch(at + B - 1, Write, 2);
 }
 
-/// y = beta y + alpha times the sums over the elements of each row; x stands in rows.
+/// alpha times the sums over the elements of each row, to `sums` from there on; x stands in rows. They may
+/// take the place of x in their rows: later rows do not lead there.
 template <int B, std::signed_integral Index>
 void gather_rows(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
-                 double beta, matrix_view<double> y) {
+                 double* sums) {
     constexpr std::int64_t rows_ahead = 128;  // that the elements lead to
     const Index* ja = m.ja.data();
     const double* a = m.a.data();
     const std::int64_t elements = std::ssize(m.ja);
-    double of_rows[chunk * B];
     const elements_ahead<Index, 2> ahead(m);
     for_chunks(from, to, [&](std::int64_t begin, std::int64_t stop) {
         ahead.ask_for(m.ia[begin] - 1, m.ia[stop] - 1);
@@ -36,9 +36,8 @@ void gather_rows(crs_view<Index> m, std::int64_t from, std::int64_t to, double a
                 ask_for_row<B, 0>(x + (std::int64_t{ja[std::min(k + rows_ahead, elements - 1)]} - 1) * B);
                 sum.add(a[k], lanes<B>::load(x + (std::int64_t{ja[k]} - 1) * B));
             }
-            sum.times(alpha).store(of_rows + (i - begin) * B);
+            sum.times(alpha).store(sums + (i - from) * B);
         }
-        add_to_columns<B>(of_rows, begin, stop, beta, y);
     });
 }
 
@@ -53,19 +52,19 @@ struct column_range {
 /// known a batch ahead, and between elements no end of a row is to be foreseen.
 template <int B>
 struct batch {
-    static constexpr std::int64_t most = 128, most_rows = 64;
+    static constexpr std::int64_t most = 256, most_rows = 64;
 
     double rows[most_rows * B] = {};
-    double values[most];
-    std::int64_t places[most];   // in the sums
-    std::int32_t sources[most];  // in the rows
+    std::int64_t elements[most];
+    std::int32_t columns[most], sources[most];  // from 0; among the rows
     std::int64_t count = 0;
 
     [[gnu::always_inline]] void ask_for(std::int64_t e, const double* sums) const {
-        ask_for_row<B, 1>(sums + places[e]);
+        ask_for_row<B, 1>(sums + std::int64_t{columns[e]} * B);
     }
-    [[gnu::always_inline]] void add(std::int64_t e, double alpha, double* sums) const {
-        lanes<B>::load(rows + sources[e]).add_to(sums + places[e], alpha * values[e]);
+    [[gnu::always_inline]] void add(std::int64_t e, double alpha, const double* a, double* sums) const {
+        lanes<B>::load(rows + std::int64_t{sources[e]} * B)
+            .add_to(sums + std::int64_t{columns[e]} * B, alpha * a[elements[e]]);
     }
 };
 
@@ -76,64 +75,99 @@ class batches {
     batches(crs_view<Index> m, column_range own, matrix_view<const double> x)
         : m_(m), own_(own), x_(x), ahead_(m) {}
 
-    /// The next ones; none, once there are no more.
-    void next(batch<B>& b) {
-        const Index* const ia = m_.ia.data();
-        const Index* const ja = m_.ja.data();
-        const double* const a = m_.a.data();
-        const column_range own = own_;
-        const std::int64_t first = row_, to = std::min(first + batch<B>::most_rows, own.to);
-        std::int64_t row = first, begin = element_, count = 0;
-        for (; row < to; ++row) {
-            if (row % chunk == 0) ahead_.ask_for(ia[row] - 1, ia[std::min(row + chunk, own.to)] - 1);
-            const std::int64_t low = std::max(own.from, row + 1);
-            auto [k, end] =
-                elements_between(std::max(begin, std::int64_t{ia[row]} - 1), ia[row + 1] - 1, low);
-            const std::int64_t stop = std::min(end, k + batch<B>::most - count);
-            const auto size = static_cast<std::uint64_t>(own.to - low);
-            const auto source = static_cast<std::int32_t>((row - first) * B);
-            for (; k < stop; ++k) {  // no element is a branch: one that is not ours is written over
-                const std::int64_t c = std::int64_t{ja[k]} - 1;
-                b.places[count] = c * B;
-                b.sources[count] = source;
-                b.values[count] = a[k];
-                count += static_cast<std::uint64_t>(c - low) < size ? 1 : 0;
-            }
-            begin = k;
-            if (k < end) break;  // the batch is full
-        }
-        if (first < to) into_rows<B>(x_, first, std::min(row + 1, to), b.rows);
-        b.count = count;
-        row_ = row;
-        element_ = begin;
-    }
     [[nodiscard]] bool left() const { return row_ < own_.to; }
 
+    /// The next ones; none, once there are no more.
+    void next(batch<B>& b) {
+        first_ = row_;
+        const std::int64_t to = std::min(first_ + batch<B>::most_rows, own_.to);
+        b.count = 0;
+        while (row_ < to) {
+            const std::int64_t end = end_of_whole_rows(to, batch<B>::most - b.count);
+            if (end > row_)
+                take_rows(b, end);
+            else if (b.count == 0)
+                take_from_row(b);
+            else
+                break;
+        }
+        if (first_ < to) into_rows<B>(x_, first_, std::min(row_ + 1, to), b.rows);
+    }
+
   private:
-    /// Elements [k, end) of a row without some that are not ours, where it is long.
-    [[gnu::always_inline]] std::pair<std::int64_t, std::int64_t> elements_between(std::int64_t k,
-                                                                                  std::int64_t end,
-                                                                                  std::int64_t low) const {
-        constexpr std::int64_t many = 32;
-        if (end - k > many && m_.sorted) [[unlikely]] {
-            const Index* const ja = m_.ja.data();
+    [[nodiscard]] std::int64_t begin_of(std::int64_t row) const { return m_.ia[row] - 1; }
+
+    /// The first row that does not fit as a whole.
+    [[nodiscard]] std::int64_t end_of_whole_rows(std::int64_t to, std::int64_t room) const {
+        if (element_ > begin_of(row_)) return row_;
+        std::int64_t end = std::min(row_ + chunk, to);
+        while (begin_of(end) - begin_of(row_) > room) --end;
+        return end;
+    }
+
+    /// Of which row an element is comes from a table, so that there is one loop and none for each row.
+    void take_rows(batch<B>& b, std::int64_t end) {
+        constexpr std::int64_t at_once = 16;
+        std::int32_t row_of[batch<B>::most + at_once];
+        const std::int64_t begin = begin_of(row_), elements = begin_of(end) - begin;
+        ahead_.ask_for(begin, begin + elements);
+        for (std::int64_t row = row_; row < end; ++row) {
+            const std::int64_t stop = begin_of(row + 1) - begin;
+            std::int64_t k = begin_of(row) - begin;
+            do {  // what is too much is written over by the rows that follow
+                std::fill_n(row_of + k, at_once, static_cast<std::int32_t>(row - first_));
+                k += at_once;
+            } while (k < stop);
+        }
+        const Index* const ja = m_.ja.data() + begin;
+        const column_range own = own_;
+        const std::int64_t below_first = first_ + 1;
+        std::int64_t count = b.count;
+        for (std::int64_t k = 0; k < elements; ++k) {  // one that is not ours is written over as well
+            const std::int64_t c = std::int64_t{ja[k]} - 1;
+            b.elements[count] = begin + k;
+            b.columns[count] = static_cast<std::int32_t>(c);
+            b.sources[count] = row_of[k];
+            const std::int64_t low = std::max(own.from, below_first + row_of[k]);
+            count += static_cast<std::uint64_t>(c - low) < static_cast<std::uint64_t>(own.to - low) ? 1 : 0;
+        }
+        b.count = count;
+        row_ = end;
+    }
+
+    /// As much as there is room for of one that is longer.
+    void take_from_row(batch<B>& b) {
+        const Index* const ja = m_.ja.data();
+        const std::int64_t low = std::max(own_.from, row_ + 1);
+        std::int64_t k = std::max(element_, begin_of(row_)), end = begin_of(row_ + 1);
+        if (m_.sorted) {
             k = std::lower_bound(ja + k, ja + end, low + 1) - ja;
             end = std::lower_bound(ja + k, ja + end, own_.to + 1) - ja;
         }
-        return {k, end};
+        for (; k < end && b.count < batch<B>::most; ++k) {
+            const std::int64_t c = std::int64_t{ja[k]} - 1;
+            b.elements[b.count] = k;
+            b.columns[b.count] = static_cast<std::int32_t>(c);
+            b.sources[b.count] = static_cast<std::int32_t>(row_ - first_);
+            if (c >= low && c < own_.to) ++b.count;
+        }
+        element_ = k;
+        if (k == end) ++row_;
     }
 
     crs_view<Index> m_;
     column_range own_;
     matrix_view<const double> x_;
     elements_ahead<Index, 2> ahead_;
-    std::int64_t row_ = 0, element_ = 0;
+    std::int64_t row_ = 0, element_ = 0;  // where we are: what is before it in the row is taken
+    std::int64_t first_ = 0;              // of the batch
 };
 
 /// Adds what all rows scatter to a part's columns.
 template <int B, std::signed_integral Index>
 void scatter_rows(crs_view<Index> m, column_range own, double alpha, matrix_view<const double> x,
                   double* sums) {
+    const double* const a = m.a.data();
     batch<B> two[2];
     batches<B, Index> of_part(m, own, x);
     for (int turn = 0; of_part.left() || two[turn].count > 0; turn = 1 - turn) {
@@ -143,18 +177,18 @@ void scatter_rows(crs_view<Index> m, column_range own, double alpha, matrix_view
         const std::int64_t both = std::min(now.count, coming.count);
         for (std::int64_t e = 0; e < both; ++e) {
             coming.ask_for(e, sums);
-            now.add(e, alpha, sums);
+            now.add(e, alpha, a, sums);
         }
         for (std::int64_t e = both; e < coming.count; ++e) coming.ask_for(e, sums);
-        for (std::int64_t e = both; e < now.count; ++e) now.add(e, alpha, sums);
+        for (std::int64_t e = both; e < now.count; ++e) now.add(e, alpha, a, sums);
     }
 }
 
-/// y += sums
+/// y = beta y + sums
 template <int B>
-void add_rows(const double* sums, column_range own, matrix_view<double> y) {
+void add_rows(const double* sums, column_range own, double beta, matrix_view<double> y) {
     for_chunks(own.from, own.to, [&](std::int64_t begin, std::int64_t stop) {
-        add_to_columns<B>(sums + begin * B, begin, stop, 1.0, y);
+        add_to_columns<B>(sums + begin * B, begin, stop, beta, y);
     });
 }
 
@@ -192,8 +226,8 @@ class column_shares {
     }
 
   private:
-    // Times of an element: to zero the sums of a column and add them up; to pass a row.
-    static constexpr double of_column = 1.5;
+    // Times of an element: to add up the sums of a column; to pass a row.
+    static constexpr double of_column = 1.0;
     double of_row_, weight_;
 
     /// What is done for the columns below one of the sample.
@@ -224,14 +258,15 @@ class column_shares {
 template <int B, std::signed_integral Index>
 void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
                   matrix_view<double> y, int parts) {
+    // Rows that are gathered before their sums take the place of x, which must wait for all rows above.
+    constexpr std::int64_t rows = 2048;
     const std::int64_t n = m.dim1;
-    const int ranges = parts == 1 ? 1 : 8 * parts;
-    const std::vector<std::int64_t> rows = row_bounds(m, ranges), columns = column_shares(m).bounds(parts);
+    const std::vector<std::int64_t> columns = column_shares(m).bounds(parts);
     const std::unique_ptr<double[]> memory = raw_memory(n * B + line);
     double* const copy = to_line(memory.get());
-#pragma omp parallel num_threads(parts) default(none) \
-    shared(m, n, alpha, x, beta, y, parts, ranges, rows, columns, copy)
+#pragma omp parallel num_threads(parts) default(none) shared(m, n, alpha, x, beta, y, parts, columns, copy)
     {
+        const std::unique_ptr<double[]> gathered = raw_memory(parts == 1 ? 0 : rows * B);
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p)
             for_chunks(even_bound(n, p, parts), even_bound(n, p + 1, parts),
@@ -239,15 +274,24 @@ void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, 
                            if (x.cols < B) zero_rows<B>(copy, from, to);
                            into_rows<B>(x, from, to, copy + from * B);
                        });
-#pragma omp for schedule(dynamic)
-        for (int r = 0; r < ranges; ++r) gather_rows<B>(m, rows[r], rows[r + 1], alpha, copy, beta, y);
+        if (parts == 1) {
+            gather_rows<B>(m, 0, n, alpha, copy, copy);
+        } else {
+#pragma omp for ordered schedule(dynamic)
+            for (std::int64_t from = 0; from < n; from += rows) {
+                const std::int64_t to = std::min(from + rows, n);
+                gather_rows<B>(m, from, to, alpha, copy, gathered.get());
+#pragma omp ordered
+                {}
+                std::copy(gathered.get(), gathered.get() + (to - from) * B, copy + from * B);
+            }
+        }
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p) {
             const column_range own{columns[p], columns[p + 1]};
             if (own.from == own.to) continue;
-            zero_rows<B>(copy, own.from, own.to);
             scatter_rows<B>(m, own, alpha, x, copy);
-            add_rows<B>(copy, own, y);
+            add_rows<B>(copy, own, beta, y);
         }
     }
 }
