@@ -1,3 +1,5 @@
+#include <omp.h>
+
 #include "modsparse_crs_mult_rows.hpp"
 
 // Several columns, elements anywhere in long vectors. There is a row-major copy of x, so that an element
@@ -258,15 +260,17 @@ class column_shares {
 template <int B, std::signed_integral Index>
 void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
                   matrix_view<double> y, int parts) {
-    // Rows that are gathered before their sums take the place of x, which must wait for all rows above.
-    constexpr std::int64_t rows = 2048;
     const std::int64_t n = m.dim1;
+    // Rows that are gathered before their sums take the place of x, which must wait for all rows above.
+    const std::int64_t rows = std::clamp<std::int64_t>(n / (8 * parts), 128, 2048);
     const std::vector<std::int64_t> columns = column_shares(m).bounds(parts);
     const std::unique_ptr<double[]> memory = raw_memory(n * B + line);
+    const std::unique_ptr<double[]> waiting = raw_memory(parts == 1 ? 0 : rows * B * parts);
     double* const copy = to_line(memory.get());
-#pragma omp parallel num_threads(parts) default(none) shared(m, n, alpha, x, beta, y, parts, columns, copy)
+#pragma omp parallel num_threads(parts) default(none) \
+    shared(m, n, rows, alpha, x, beta, y, parts, columns, copy, waiting)
     {
-        const std::unique_ptr<double[]> gathered = raw_memory(parts == 1 ? 0 : rows * B);
+        double* const gathered = waiting.get() + omp_get_thread_num() * rows * B;
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p)
             for_chunks(even_bound(n, p, parts), even_bound(n, p + 1, parts),
@@ -280,10 +284,10 @@ void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, 
 #pragma omp for ordered schedule(dynamic)
             for (std::int64_t from = 0; from < n; from += rows) {
                 const std::int64_t to = std::min(from + rows, n);
-                gather_rows<B>(m, from, to, alpha, copy, gathered.get());
+                gather_rows<B>(m, from, to, alpha, copy, gathered);
 #pragma omp ordered
                 {}
-                std::copy(gathered.get(), gathered.get() + (to - from) * B, copy + from * B);
+                std::copy(gathered, gathered + (to - from) * B, copy + from * B);
             }
         }
 #pragma omp for schedule(static, 1)
