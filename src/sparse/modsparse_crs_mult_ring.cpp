@@ -8,9 +8,9 @@ namespace zendar::crs_mult {
 
 namespace {
 
-/// Equations go in and out by chunks, all columns of which are in the nearest cache. They are asked for by
-/// quarters, and so many equations before they go in.
-constexpr std::int64_t quarter = chunk / 4, margin = 4 * chunk;
+/// Equations go in and out by chunks, all columns of which are in the nearest cache. They are asked for so
+/// many equations before they go in.
+constexpr std::int64_t margin = 4 * chunk;
 
 /// The vectors of a product; x and y are asked for `front` equations before a row.
 struct vectors {
@@ -55,14 +55,10 @@ class ring {
             head_ = end;
         }
     }
-    /// Asks for what is loaded later and for what leaves soon, at every fourth row for a part: the columns
-    /// are too many streams for the processor to foresee, and too many lines at a time would be waited for.
-    [[gnu::always_inline]] void ask_ahead(std::int64_t row) const {
-        if (row / quarter % 2 == 0)
-            ask_columns<0>(v_.x, row + v_.front);
-        else
-            ask_columns<1>(v_.y, row + chunk);
-    }
+    /// Asks for what is loaded later, and for what leaves soon, a line of each column: these are too many
+    /// streams for the processor to foresee.
+    [[gnu::always_inline]] void ask_for_x(std::int64_t row) const { ask_columns<0>(v_.x, row + v_.front); }
+    [[gnu::always_inline]] void ask_for_y(std::int64_t row) const { ask_columns<1>(v_.y, row + chunk); }
     /// The rows before `row` are through: their equations leave.
     void leave(std::int64_t row) {
         const std::int64_t held = std::clamp(ready_, tail_, row);
@@ -178,14 +174,20 @@ template <int B, class Lanes, std::signed_integral Index>
         const std::int64_t last = m.sorted ? std::max(last_column(m, i, end), end) : near.limit() + 1;
         const bool all_in_ring = last <= near.limit();
         if (all_in_ring) near.load(last - 1);
-        for (std::int64_t r = i; r < end; r += quarter) {
-            const std::int64_t next = std::min(r + quarter, end);
-            near.ask_ahead(r);
-            ahead.ask_for(m.ia[r] - 1, m.ia[next] - 1);
-            if (all_in_ring)
-                rows_in_ring<B, Lanes>(m, r, next, alpha, near.x());
-            else
-                any_rows(m, r, next, alpha, near);
+        for (std::int64_t r = i; r < end; r += line) {
+            // Too many lines at a time would be waited for.
+            const std::int64_t half = std::min(r + line / 2, end), stop = std::min(r + line, end);
+            const auto rows = [&](std::int64_t from, std::int64_t to) __attribute__((always_inline)) {
+                ahead.ask_for(m.ia[from] - 1, m.ia[to] - 1);
+                if (all_in_ring)
+                    rows_in_ring<B, Lanes>(m, from, to, alpha, near.x());
+                else
+                    any_rows(m, from, to, alpha, near);
+            };
+            near.ask_for_x(r);
+            rows(r, half);
+            near.ask_for_y(r);
+            rows(half, stop);
         }
         near.leave(end);
         i = end;

@@ -1,5 +1,9 @@
 #pragma once
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include "modsparse_crs_mult_spill.hpp"
 
 /// Several columns side by side: B values in registers, and columns of a matrix as rows of B values and back,
@@ -75,21 +79,40 @@ template <int B>
     }
 }
 
-/// The same by four columns and two rows.
-template <int B>
-ZENDAR_FMA void fours_into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to,
-                                double* rows) {
+/// Two pairs side by side, and the second one back. GCC takes neither from memory nor to it in one
+/// instruction unless it is told to.
+ZENDAR_FMA [[gnu::always_inline]] inline four pairs_at(const double* first, const double* second) {
+#if defined(__x86_64__)
+    return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(first)), _mm_loadu_pd(second), 1);
+#else
+    return __builtin_shufflevector(pair_at(first).v, pair_at(second).v, 0, 1, 2, 3);
+#endif
+}
+ZENDAR_FMA [[gnu::always_inline]] inline void put_pairs(four values, double* first, double* second) {
+#if defined(__x86_64__)
+    _mm_storeu_pd(first, _mm256_castpd256_pd128(values));
+    _mm_storeu_pd(second, _mm256_extractf128_pd(values, 1));
+#else
+    pair_at(first).v = __builtin_shufflevector(values, values, 0, 1);
+    pair_at(second).v = __builtin_shufflevector(values, values, 2, 3);
+#endif
+}
+
+/// The same by four columns and two rows; Cols is their number, a constant where it can be one.
+template <int B, class Cols>
+ZENDAR_FMA [[gnu::always_inline]] inline void fours_into_rows(matrix_view<const double> columns, Cols cols,
+                                                              std::int64_t from, std::int64_t to,
+                                                              double* rows) {
     std::int64_t j = 0;
     const std::int64_t even = from + (to - from) / 2 * 2;
-    for (; j + 3 < columns.cols; j += 4) {
+    for (; j + 3 < cols; j += 4) {
         const double* const a = columns.data + j * columns.ld;
         const double* const b = a + columns.ld;
         const double* const c = b + columns.ld;
         const double* const d = c + columns.ld;
         double* row = rows + j;
         for (std::int64_t r = from; r < even; r += 2, row += 2 * B) {
-            const four ac = __builtin_shufflevector(pair_at(a + r).v, pair_at(c + r).v, 0, 1, 2, 3);
-            const four bd = __builtin_shufflevector(pair_at(b + r).v, pair_at(d + r).v, 0, 1, 2, 3);
+            const four ac = pairs_at(a + r, c + r), bd = pairs_at(b + r, d + r);
             four_at(row).v = __builtin_shufflevector(ac, bd, 0, 4, 2, 6);
             four_at(row + B).v = __builtin_shufflevector(ac, bd, 1, 5, 3, 7);
         }
@@ -97,12 +120,13 @@ ZENDAR_FMA void fours_into_rows(matrix_view<const double> columns, std::int64_t 
     }
     pairs_into_rows<B>(columns, j, from, to, rows);
 }
-template <int B>
-ZENDAR_FMA void add_fours_to_columns(const double* rows, std::int64_t from, std::int64_t to, double beta,
-                                     matrix_view<double> columns) {
+template <int B, class Cols>
+ZENDAR_FMA [[gnu::always_inline]] inline void add_fours_to_columns(const double* rows, std::int64_t from,
+                                                                   std::int64_t to, double beta,
+                                                                   matrix_view<double> columns, Cols cols) {
     std::int64_t j = 0;
     const std::int64_t even = beta == 0.0 ? from : from + (to - from) / 2 * 2;
-    for (; j + 3 < columns.cols; j += 4) {
+    for (; j + 3 < cols; j += 4) {
         double* const a = columns.data + j * columns.ld;
         double* const b = a + columns.ld;
         double* const c = b + columns.ld;
@@ -110,18 +134,14 @@ ZENDAR_FMA void add_fours_to_columns(const double* rows, std::int64_t from, std:
         const double* row = rows + j;
         for (std::int64_t r = from; r < even; r += 2, row += 2 * B) {
             const four u = four_at(row).v, v = four_at(row + B).v;
-            four ac = __builtin_shufflevector(pair_at(a + r).v, pair_at(c + r).v, 0, 1, 2, 3);
-            four bd = __builtin_shufflevector(pair_at(b + r).v, pair_at(d + r).v, 0, 1, 2, 3);
-            ac = beta * ac + __builtin_shufflevector(u, v, 0, 4, 2, 6);
-            bd = beta * bd + __builtin_shufflevector(u, v, 1, 5, 3, 7);
-            pair_at(a + r).v = __builtin_shufflevector(ac, ac, 0, 1);
-            pair_at(b + r).v = __builtin_shufflevector(bd, bd, 0, 1);
-            pair_at(c + r).v = __builtin_shufflevector(ac, ac, 2, 3);
-            pair_at(d + r).v = __builtin_shufflevector(bd, bd, 2, 3);
+            const four ac = beta * pairs_at(a + r, c + r) + __builtin_shufflevector(u, v, 0, 4, 2, 6);
+            const four bd = beta * pairs_at(b + r, d + r) + __builtin_shufflevector(u, v, 1, 5, 3, 7);
+            put_pairs(ac, a + r, c + r);
+            put_pairs(bd, b + r, d + r);
         }
     }
     // The columns beside them, and the rows below.
-    for (; j + 1 < columns.cols && beta != 0.0; j += 2) {
+    for (; j + 1 < cols && beta != 0.0; j += 2) {
         double* const a = columns.data + j * columns.ld;
         double* const b = a + columns.ld;
         const double* row = rows + j;
@@ -131,9 +151,25 @@ ZENDAR_FMA void add_fours_to_columns(const double* rows, std::int64_t from, std:
             pair_at(b + r).v = beta * pair_at(b + r).v + __builtin_shufflevector(u, v, 1, 3);
         }
     }
-    if (j < columns.cols) add_pairs_to_columns<B>(rows, j, from, to, beta, columns);
+    if (j < cols) add_pairs_to_columns<B>(rows, j, from, to, beta, columns);
     const matrix_view<double> left{columns.data, columns.rows, j, columns.ld};
     if (even < to) add_pairs_to_columns<B>(rows + (even - from) * B, 0, even, to, beta, left);
+}
+template <int B>
+ZENDAR_FMA void fours_into_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to,
+                                double* rows) {
+    if (columns.cols == B)
+        fours_into_rows<B>(columns, std::integral_constant<std::int64_t, B>{}, from, to, rows);
+    else
+        fours_into_rows<B>(columns, columns.cols, from, to, rows);
+}
+template <int B>
+ZENDAR_FMA void add_fours_to_columns(const double* rows, std::int64_t from, std::int64_t to, double beta,
+                                     matrix_view<double> columns) {
+    if (columns.cols == B)
+        add_fours_to_columns<B>(rows, from, to, beta, columns, std::integral_constant<std::int64_t, B>{});
+    else
+        add_fours_to_columns<B>(rows, from, to, beta, columns, columns.cols);
 }
 
 /// B values side by side as pairs, which every processor has.
@@ -173,17 +209,17 @@ struct fours_of {
     [[gnu::always_inline]] void load_times(const double* from, double factor) {
         const four all = four{factor, factor, factor, factor};
         for (int k = 0; k < fours; ++k) f[k] = four_at(from + 4 * k).v * all;
-        if constexpr (rest) last = rest_at(from).v * low(all);
+        if constexpr (rest) last = rest_at(from).v * __builtin_shufflevector(all, all, 0, 1);
     }
     [[gnu::always_inline]] void add_product(double factor, const double* from) {
         const four all = four{factor, factor, factor, factor};
         for (int k = 0; k < fours; ++k) f[k] += four_at(from + 4 * k).v * all;
-        if constexpr (rest) last += rest_at(from).v * low(all);
+        if constexpr (rest) last += rest_at(from).v * __builtin_shufflevector(all, all, 0, 1);
     }
     [[gnu::always_inline]] void add_to(double* to, double factor) const {
         const four all = four{factor, factor, factor, factor};
         for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v += f[k] * all;
-        if constexpr (rest) rest_at(to).v += last * low(all);
+        if constexpr (rest) rest_at(to).v += last * __builtin_shufflevector(all, all, 0, 1);
     }
     [[gnu::always_inline]] void store(double* to) const {
         for (int k = 0; k < fours; ++k) four_at(to + 4 * k).v = f[k];
@@ -201,7 +237,6 @@ struct fours_of {
 
   private:
     static auto& rest_at(auto* at) { return pair_at(at + 4 * fours); }
-    [[gnu::always_inline]] static pair low(four all) { return __builtin_shufflevector(all, all, 0, 1); }
 };
 
 /// The same as the processor has it.

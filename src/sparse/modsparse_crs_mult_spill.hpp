@@ -76,6 +76,7 @@ template <std::signed_integral Index>
     std::int64_t last = 0;
     if (first == end) return last;
     if (m.sorted) {
+#pragma GCC unroll 4
         for (std::int64_t i = from; i < to; ++i)  // the last element before an empty row does no harm
             last = std::max(last, std::int64_t{m.ja[std::max<std::int64_t>(m.ia[i + 1] - 2, first)]});
     } else {
