@@ -5,7 +5,7 @@
 #include <array>
 #include <cassert>
 
-#include "modsparse_crs_mult_detail.hpp"
+#include "modsparse_crs_mult_rows.hpp"
 
 namespace zendar {
 
@@ -36,45 +36,42 @@ template std::vector<std::int64_t> row_bounds(crs_view<std::int64_t>, int, std::
 
 namespace {
 
-/// Sums over the elements of each row; x is packed unless B is 1.
-template <int B, std::signed_integral Index>
-void gather_rows(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
-                 double beta, matrix_view<double> y) {
-    const Index* ja = m.ja.data();
-    const double* a = m.a.data();
-    for (std::int64_t i = from; i < to; ++i) {
-        double sum[B] = {};
-        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
-            const double* xc = x + (std::int64_t{ja[k]} - 1) * B;
-            const double v = a[k];
-#pragma omp simd
-            for (int b = 0; b < B; ++b) sum[b] += v * xc[b];
-        }
-        for (std::int64_t j = 0; j < y.cols; ++j) {
-            double& value = y.data[i + j * y.ld];
-            value = beta == 0.0 ? alpha * sum[j] : alpha * sum[j] + beta * value;
-        }
-    }
+template <std::signed_integral Index>
+void multiply_one_vector_plain(crs_view<Index> m, double alpha, const double* x, double beta, double* y,
+                               int parts) {
+    const std::vector<std::int64_t> bounds = row_bounds(m, parts);
+    with_lines_of_row(m, [&]<int Lines>() {
+#pragma omp parallel for num_threads(parts) schedule(static, 1) default(none) \
+    shared(m, alpha, x, beta, y, parts, bounds)
+        for (int p = 0; p < parts; ++p)
+            gather_vector<Lines>(m, bounds[p], bounds[p + 1], alpha, x, beta, y);
+    });
 }
 
+/// Several columns, of which there is a row-major copy.
 template <int B, std::signed_integral Index>
 void multiply_plain(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
                     matrix_view<double> y, int parts) {
     const std::vector<std::int64_t> bounds = row_bounds(m, parts);
-    const std::unique_ptr<double[]> memory = raw_memory(B == 1 ? 0 : std::int64_t{m.dim2} * B);
-    double* const packed = memory.get();
-    const double* const source = B == 1 ? x.data : packed;
-#pragma omp parallel num_threads(parts) default(none) \
-    shared(m, alpha, x, beta, y, parts, bounds, packed, source)
+    const std::int64_t n = m.dim2;
+    const std::unique_ptr<double[]> memory = raw_memory(n * B + line);
+    double* const copy = to_line(memory.get());
+#pragma omp parallel num_threads(parts) default(none) shared(m, n, alpha, x, beta, y, parts, bounds, copy)
     {
-        if constexpr (B > 1) {
-#pragma omp for schedule(static, 1)
-            for (int p = 0; p < parts; ++p)
-                pack_rows<B>(x, even_bound(m.dim2, p, parts), even_bound(m.dim2, p + 1, parts), packed);
-        }
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p)
-            gather_rows<B>(m, bounds[p], bounds[p + 1], alpha, source, beta, y);
+            for_chunks(even_bound(n, p, parts), even_bound(n, p + 1, parts),
+                       [&](std::int64_t from, std::int64_t to) {
+                           if (x.cols < B) zero_rows<B>(copy, from, to);
+                           into_rows<B>(x, from, to, copy + from * B);
+                       });
+#pragma omp for schedule(static, 1)
+        for (int p = 0; p < parts; ++p)
+            for_chunks(bounds[p], bounds[p + 1], [&](std::int64_t from, std::int64_t to) {
+                double sums[chunk * B];
+                gather_rows<B>(m, from, to, alpha, copy, sums);
+                add_to_columns<B>(sums, from, to, beta, y);
+            });
     }
 }
 
@@ -99,25 +96,36 @@ struct window {
     }
 };
 
+/// Adds what the rows of a part scatter. Of several columns, the sums of an element are asked for ahead.
 template <int B, std::signed_integral Index>
 void scatter_rows(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha,
                   matrix_view<const double> x, window& sums) {
     window w = sums;
     const Index* ja = m.ja.data();
     const double* a = m.a.data();
-    for (std::int64_t i = from; i < to; ++i) {
-        double xi[B] = {};
-        for (std::int64_t j = 0; j < x.cols; ++j) xi[j] = alpha * x.data[i + j * x.ld];
-        for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
-            const std::int64_t c = std::int64_t{ja[k]} - 1;
-            if (c < w.begin || c >= w.end) [[unlikely]]
-                w.reach<B>(c, m.dim2);
-            double* yc = w.sums + c * B;
-            const double v = a[k];
-#pragma omp simd
-            for (int b = 0; b < B; ++b) yc[b] += v * xi[b];
+    const std::int64_t elements = std::ssize(m.ja);
+    const elements_ahead<Index, 2> ahead(m);
+    double of_rows[chunk * B] = {};
+    for_chunks(from, to, [&](std::int64_t begin, std::int64_t stop) {
+        ahead.ask_for(m.ia[begin] - 1, m.ia[stop] - 1);
+        if constexpr (B > 1) into_rows<B>(x, begin, stop, of_rows);
+        for (std::int64_t i = begin; i < stop; ++i) {
+            const double* const xi = B == 1 ? x.data + i : of_rows + (i - begin) * B;
+            for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+                const std::int64_t c = std::int64_t{ja[k]} - 1;
+                if (c < w.begin || c >= w.end) [[unlikely]]
+                    w.reach<B>(c, m.dim2);
+                const double v = alpha * a[k];
+                if constexpr (B == 1) {
+                    w.sums[c] += v * *xi;
+                } else {
+                    const std::int64_t later = std::min(k + places_ahead, elements - 1);
+                    ask_for_row<B, 1>(w.sums + (std::int64_t{ja[later]} - 1) * B);
+                    lanes<B>::load(xi).add_to(w.sums + c * B, v);
+                }
+            }
         }
-    }
+    });
     sums = w;
 }
 
@@ -125,13 +133,17 @@ void scatter_rows(crs_view<Index> m, std::int64_t from, std::int64_t to, double 
 template <int B>
 void add_windows(const std::vector<window>& windows, double beta, std::int64_t from, std::int64_t to,
                  matrix_view<double> y) {
-    for (std::int64_t j = 0; j < y.cols; ++j) {
-        double* column = y.data + j * y.ld;
-        for (std::int64_t c = from; c < to; ++c) column[c] = beta == 0.0 ? 0.0 : beta * column[c];
+    for_chunks(from, to, [&](std::int64_t begin, std::int64_t stop) {
+        double sums[chunk * B] = {};
         for (const window& w : windows)
-            for (std::int64_t c = std::max(from, w.begin); c < std::min(to, w.end); ++c)
-                column[c] += w.sums[c * B + j];
-    }
+            for (std::int64_t k = std::max(begin, w.begin) * B; k < std::min(stop, w.end) * B; ++k)
+                sums[k - begin * B] += w.sums[k];
+        if constexpr (B == 1)
+            for (std::int64_t c = begin; c < stop; ++c)
+                y.data[c] = beta == 0.0 ? sums[c - begin] : beta * y.data[c] + sums[c - begin];
+        else
+            add_to_columns<B>(sums, begin, stop, beta, y);
+    });
 }
 
 template <int B, std::signed_integral Index>
@@ -162,6 +174,8 @@ void multiply(crs_view<Index> m, storage s, bool transposed, double alpha, matri
         multiply_symmetric<B>(m, alpha, x, beta, y, parts);
     else if (transposed)
         multiply_transposed<B>(m, alpha, x, beta, y, parts);
+    else if constexpr (B == 1)
+        multiply_one_vector_plain(m, alpha, x.data, beta, y.data, parts);
     else
         multiply_plain<B>(m, alpha, x, beta, y, parts);
 }

@@ -110,6 +110,25 @@ class elements_ahead {
     const Index* ja_;
 };
 
+/// y = beta y + alpha times the sums over the elements of rows [from, to).
+///
+/// @tparam Lines  see `elements_ahead`.
+template <int Lines, std::signed_integral Index>
+[[gnu::always_inline]] inline void gather_vector(crs_view<Index> m, std::int64_t from, std::int64_t to,
+                                                 double alpha, const double* x, double beta, double* y) {
+    const Index* ja = m.ja.data();
+    const double* a = m.a.data();
+    const elements_ahead<Index, 2, Lines> ahead(m);
+    for (std::int64_t i = from; i < to; ++i) {
+        double sum = 0.0;
+        std::int64_t k = m.ia[i] - 1;
+        const std::int64_t end = m.ia[i + 1] - 1;
+        ahead.ask_for(k, end);
+        for (; k < end; ++k) sum += a[k] * x[std::int64_t{ja[k]} - 1];
+        y[i] = beta == 0.0 ? alpha * sum : beta * y[i] + alpha * sum;
+    }
+}
+
 /// B values side by side, in registers: all indices are constants.
 template <int B>
 class lanes {
@@ -161,15 +180,6 @@ class lanes {
 template <int B>
 void zero_rows(double* data, std::int64_t from, std::int64_t to) {
     std::fill(data + from * B, data + to * B, 0.0);
-}
-
-/// Rows [from, to) of the columns of x, side by side.
-template <int B>
-void pack_rows(matrix_view<const double> x, std::int64_t from, std::int64_t to, double* packed) {
-    for (std::int64_t i = from; i < to; ++i) {
-        double* row = packed + i * B;
-        for (std::int64_t j = 0; j < B; ++j) row[j] = j < x.cols ? x.data[i + j * x.ld] : 0.0;
-    }
 }
 
 /// The product with a matrix of which the upper triangle is stored.

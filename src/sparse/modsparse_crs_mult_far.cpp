@@ -24,19 +24,9 @@ void zero_spills(std::vector<spill>& spills, int part, int parts) {
 template <int Lines, std::signed_integral Index>
 std::int64_t gather(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
                     double beta, double* y) {
-    const Index* ja = m.ja.data();
-    const double* a = m.a.data();
-    const elements_ahead<Index, 2, Lines> ahead(m);
     std::int64_t last = 0;
     for_chunks(from, to, [&](std::int64_t begin, std::int64_t stop) {
-        for (std::int64_t i = begin; i < stop; ++i) {
-            double sum = 0.0;
-            std::int64_t k = m.ia[i] - 1;
-            const std::int64_t end = m.ia[i + 1] - 1;
-            ahead.ask_for(k, end);
-            for (; k < end; ++k) sum += a[k] * x[std::int64_t{ja[k]} - 1];
-            y[i] = beta == 0.0 ? alpha * sum : beta * y[i] + alpha * sum;
-        }
+        gather_vector<Lines>(m, begin, stop, alpha, x, beta, y);
         last = std::max(last, last_column(m, begin, stop));
     });
     return last;

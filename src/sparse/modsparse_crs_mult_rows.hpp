@@ -256,4 +256,37 @@ void add_to_columns(const double* rows, std::int64_t from, std::int64_t to, doub
         add_pairs_to_columns<B>(rows, 0, from, to, beta, columns);
 }
 
+/// Asks for B values, which need not lie in one cache line. Inlined, as GCC drops calls of a function that
+/// does nothing else.
+template <int B, int Write>
+[[gnu::always_inline]] inline void ask_for_row(const double* at) {
+    __builtin_prefetch(at, Write, 2);
+    if constexpr (line % B != 0) __builtin_prefetch(at + B - 1, Write, 2);
+}
+
+/// The rows that elements lead to are asked for so many elements ahead.
+inline constexpr std::int64_t places_ahead = 128;
+
+/// alpha times the sums over the elements of each row, to `sums` from there on; x stands in rows. They may
+/// take the place of x in their rows: later rows do not lead there.
+template <int B, std::signed_integral Index>
+void gather_rows(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha, const double* x,
+                 double* sums) {
+    const Index* ja = m.ja.data();
+    const double* a = m.a.data();
+    const std::int64_t elements = std::ssize(m.ja);
+    const elements_ahead<Index, 2> ahead(m);
+    for_chunks(from, to, [&](std::int64_t begin, std::int64_t stop) {
+        ahead.ask_for(m.ia[begin] - 1, m.ia[stop] - 1);
+        for (std::int64_t i = begin; i < stop; ++i) {
+            lanes<B> sum;  // pairs: fours would lie across two cache lines more often
+            for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+                ask_for_row<B, 0>(x + (std::int64_t{ja[std::min(k + places_ahead, elements - 1)]} - 1) * B);
+                sum.add(a[k], lanes<B>::load(x + (std::int64_t{ja[k]} - 1) * B));
+            }
+            sum.times(alpha).store(sums + (i - from) * B);
+        }
+    });
+}
+
 }  // namespace zendar::crs_mult
