@@ -1,6 +1,7 @@
-// The product with a symmetric matrix of which the upper triangle is stored, beside what bounds it in the
-// same run: streaming the bytes of the product, and, where columns lie anywhere, gathers from x and scatters
-// into y on top of that. Read "of_floor": the time over that of the floor of the same matrix and threads.
+// Products, above all with a symmetric matrix of which the upper triangle is stored, beside what bounds them
+// in the same run: streaming the bytes of the product, and, where columns lie anywhere, gathers from x and
+// scatters into y on top of that. Read "of_floor": the time over that of the floor of the same matrix and
+// threads.
 
 #include <benchmark/benchmark.h>
 #include <omp.h>
@@ -204,37 +205,40 @@ struct floor_times {
     timing all, streaming_of_byte;
 };
 
+/// What is multiplied: the matrix as the upper triangle of a symmetric one, as it is, or transposed.
+enum product_kind : std::int64_t { symmetric, plain, transposed };
+
 /// What a product is bound by. With several columns an element leads to a row of a copy in which they stand
 /// side by side, as that is what costs the fewest places; making the copies is not counted.
-floor_times floor_of(kind which, std::int32_t equations, std::int64_t columns, int threads) {
-    static std::map<std::tuple<kind, std::int32_t, std::int64_t, int>, floor_times> known;
-    const auto [it, fresh] = known.try_emplace({which, equations, columns, threads});
+floor_times floor_of(kind which, std::int32_t equations, product_kind product, std::int64_t columns,
+                     int threads) {
+    static std::map<std::tuple<kind, std::int32_t, product_kind, std::int64_t, int>, floor_times> known;
+    const auto [it, fresh] = known.try_emplace({which, equations, product, columns, threads});
     if (fresh) {
         const matrix_data& m = matrix_of(which, equations);
+        timing& all = it->second.all;
         it->second.streaming_of_byte = streaming(std::ssize(m.ja));
-        it->second.all = m.bytes(columns) * it->second.streaming_of_byte;
-        if (which == anywhere)
-            it->second.all = it->second.all + (columns == 1 ? gathers<1>(m) + scatters<1>(m)
-                                                            : gathers<several>(m) + scatters<several>(m));
+        all = m.bytes(columns) * it->second.streaming_of_byte;
+        if (which == anywhere && product != transposed)
+            all = all + (columns == 1 ? gathers<1>(m) : gathers<several>(m));
+        if (which == anywhere && product != plain)
+            all = all + (columns == 1 ? scatters<1>(m) : scatters<several>(m));
     }
     return it->second;
 }
 
-/// Arguments: matrix, equations, columns, threads.
-void BM_crs_multiply_symmetric(benchmark::State& state) {
-    const auto which = static_cast<kind>(state.range(0));
-    const auto equations = static_cast<std::int32_t>(state.range(1));
-    const std::int64_t columns = state.range(2);
-    const auto threads = static_cast<int>(state.range(3));
+void run_product(benchmark::State& state, kind which, std::int32_t equations, product_kind kind_of_product,
+                 std::int64_t columns, int threads) {
     const int before = omp_get_max_threads();
     omp_set_num_threads(threads);
     const matrix_data& m = matrix_of(which, equations);
     const matrix<double> x(equations, columns, 1.0);
     matrix<double> y(equations, columns);
-    const floor_times known = floor_of(which, equations, columns, threads);
+    const floor_times known = floor_of(which, equations, kind_of_product, columns, threads);
     const timing floor = known.all;
+    const storage stored = kind_of_product == symmetric ? storage::symmetric_upper : storage::general;
     const auto product = [&](std::int64_t of_columns) {
-        crs_multiply<std::int32_t>(m.view(), storage::symmetric_upper, false, 1.0,
+        crs_multiply<std::int32_t>(m.view(), stored, kind_of_product == transposed, 1.0,
                                    {x.data(), equations, of_columns, equations}, 1.0,
                                    {y.data(), equations, of_columns, equations});
         benchmark::ClobberMemory();
@@ -251,10 +255,27 @@ void BM_crs_multiply_symmetric(benchmark::State& state) {
     state.counters["streaming_GB/s"] = 1e-9 / known.streaming_of_byte.wall;
     omp_set_num_threads(before);
 }
+
+/// Arguments: matrix, equations, columns, threads.
+void BM_crs_multiply_symmetric(benchmark::State& state) {
+    run_product(state, static_cast<kind>(state.range(0)), static_cast<std::int32_t>(state.range(1)),
+                symmetric, state.range(2), static_cast<int>(state.range(3)));
+}
 BENCHMARK(BM_crs_multiply_symmetric)
     ->ArgNames({"matrix", "equations", "columns", "threads"})
     ->ArgsProduct({{banded, family_order, anywhere}, {1'000'000}, {1, several}, {1, 2}})
     ->ArgsProduct({{banded, family_order, anywhere}, {16'000'000}, {1, several}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+/// Arguments: matrix, whether it is transposed, columns, threads.
+void BM_crs_multiply_general(benchmark::State& state) {
+    run_product(state, static_cast<kind>(state.range(0)), 1'000'000, state.range(1) == 1 ? transposed : plain,
+                state.range(2), static_cast<int>(state.range(3)));
+}
+BENCHMARK(BM_crs_multiply_general)
+    ->ArgNames({"matrix", "transposed", "columns", "threads"})
+    ->ArgsProduct({{banded, anywhere}, {0, 1}, {1, several}, {1, 2}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
