@@ -6,6 +6,7 @@
 #include <cassert>
 
 #include "modsparse_crs_mult_rows.hpp"
+#include "modsparse_crs_mult_spread.hpp"
 
 namespace zendar {
 
@@ -48,10 +49,50 @@ void multiply_one_vector_plain(crs_view<Index> m, double alpha, const double* x,
     });
 }
 
+/// Several columns near the diagonal, where x stays in the cache. It is asked for `front` equations ahead.
+template <int B, std::signed_integral Index>
+void gather_columns(crs_view<Index> m, std::int64_t from, std::int64_t to, double alpha,
+                    matrix_view<const double> x, double beta, matrix_view<double> y, std::int64_t front) {
+    const Index* ja = m.ja.data();
+    const double* a = m.a.data();
+    const elements_ahead<Index, 3> ahead(m);
+    std::int64_t column[B];  // that are not there repeat the last
+    for (std::int64_t b = 0; b < B; ++b) column[b] = std::min(b, x.cols - 1) * x.ld;
+    for (std::int64_t begin = from; begin < to; begin += line) {
+        const std::int64_t stop = std::min(begin + line, to);
+        ask_columns<B, 0>(x, begin + front);
+        ask_columns<B, 1>(y, begin + front);
+        ahead.ask_for(m.ia[begin] - 1, m.ia[stop] - 1);
+        for (std::int64_t i = begin; i < stop; ++i) {
+            double sum[B] = {};
+            for (std::int64_t k = m.ia[i] - 1, end = m.ia[i + 1] - 1; k < end; ++k) {
+                const double* const xc = x.data + (std::int64_t{ja[k]} - 1);
+                for (int b = 0; b < B; ++b) sum[b] += a[k] * xc[column[b]];
+            }
+            for (std::int64_t j = 0; j < y.cols; ++j) {
+                double& value = y.data[i + j * y.ld];
+                value = beta == 0.0 ? alpha * sum[j] : alpha * sum[j] + beta * value;
+            }
+        }
+    }
+}
+
+template <int B, std::signed_integral Index>
+void multiply_plain_near(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
+                         matrix_view<double> y, std::int64_t front, int parts) {
+    const std::vector<std::int64_t> bounds = row_bounds(m, parts);
+#pragma omp parallel for num_threads(parts) schedule(static, 1) default(none) \
+    shared(m, alpha, x, beta, y, front, parts, bounds)
+    for (int p = 0; p < parts; ++p) gather_columns<B>(m, bounds[p], bounds[p + 1], alpha, x, beta, y, front);
+}
+
 /// Several columns, of which there is a row-major copy.
 template <int B, std::signed_integral Index>
 void multiply_plain(crs_view<Index> m, double alpha, matrix_view<const double> x, double beta,
                     matrix_view<double> y, int parts) {
+    constexpr std::int64_t near = 1 << 10, margin = 64;
+    if (const std::int64_t reach = m.dim1 <= near ? 0 : spread(m).reach(); reach <= near)
+        return multiply_plain_near<B>(m, alpha, x, beta, y, reach + margin, parts);
     const std::vector<std::int64_t> bounds = row_bounds(m, parts);
     const std::int64_t n = m.dim2;
     const std::unique_ptr<double[]> memory = raw_memory(n * B + line);

@@ -57,8 +57,8 @@ class ring {
     }
     /// Asks for what is loaded later, and for what leaves soon, a line of each column: these are too many
     /// streams for the processor to foresee.
-    [[gnu::always_inline]] void ask_for_x(std::int64_t row) const { ask_columns<0>(v_.x, row + v_.front); }
-    [[gnu::always_inline]] void ask_for_y(std::int64_t row) const { ask_columns<1>(v_.y, row + chunk); }
+    [[gnu::always_inline]] void ask_for_x(std::int64_t row) const { ask_columns<B, 0>(v_.x, row + v_.front); }
+    [[gnu::always_inline]] void ask_for_y(std::int64_t row) const { ask_columns<B, 1>(v_.y, row + chunk); }
     /// The rows before `row` are through: their equations leave.
     void leave(std::int64_t row) {
         const std::int64_t held = std::clamp(ready_, tail_, row);
@@ -90,17 +90,6 @@ class ring {
     }
 
   private:
-    template <int Write, class View>
-    [[gnu::always_inline]] static void ask_columns(const View& columns, std::int64_t row) {
-        const auto* at = columns.data;
-        if (columns.cols == B) {
-#pragma GCC unroll 16
-            for (int j = 0; j < B; ++j, at += columns.ld) ask<3, Write>(at, row);
-        } else {
-            for (std::int64_t j = 0; j < columns.cols; ++j, at += columns.ld) ask<3, Write>(at, row);
-        }
-    }
-
     std::int64_t n_, to_;
     std::int64_t tail_;   // own equations before it have left the ring
     std::int64_t head_;   // the first that has not entered

@@ -256,6 +256,18 @@ void add_to_columns(const double* rows, std::int64_t from, std::int64_t to, doub
         add_pairs_to_columns<B>(rows, 0, from, to, beta, columns);
 }
 
+/// Asks for a line of each of the columns, B at most.
+template <int B, int Write, class View>
+[[gnu::always_inline]] inline void ask_columns(const View& columns, std::int64_t row) {
+    const auto* at = columns.data;
+    if (columns.cols == B) {
+#pragma GCC unroll 16
+        for (int j = 0; j < B; ++j, at += columns.ld) ask<3, Write>(at, row);
+    } else {
+        for (std::int64_t j = 0; j < columns.cols; ++j, at += columns.ld) ask<3, Write>(at, row);
+    }
+}
+
 /// Asks for B values, which need not lie in one cache line. Inlined, as GCC drops calls of a function that
 /// does nothing else.
 template <int B, int Write>
