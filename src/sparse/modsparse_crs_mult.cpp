@@ -101,11 +101,7 @@ void multiply_plain(crs_view<Index> m, double alpha, matrix_view<const double> x
     {
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p)
-            for_chunks(even_bound(n, p, parts), even_bound(n, p + 1, parts),
-                       [&](std::int64_t from, std::int64_t to) {
-                           if (x.cols < B) zero_rows<B>(copy, from, to);
-                           into_rows<B>(x, from, to, copy + from * B);
-                       });
+            copy_rows<B>(x, even_bound(n, p, parts), even_bound(n, p + 1, parts), copy);
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p)
             for_chunks(bounds[p], bounds[p + 1], [&](std::int64_t from, std::int64_t to) {

@@ -240,11 +240,7 @@ void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, 
         double* const gathered = waiting.get() + omp_get_thread_num() * rows * B;
 #pragma omp for schedule(static, 1)
         for (int p = 0; p < parts; ++p)
-            for_chunks(even_bound(n, p, parts), even_bound(n, p + 1, parts),
-                       [&](std::int64_t from, std::int64_t to) {
-                           if (x.cols < B) zero_rows<B>(copy, from, to);
-                           into_rows<B>(x, from, to, copy + from * B);
-                       });
+            copy_rows<B>(x, even_bound(n, p, parts), even_bound(n, p + 1, parts), copy);
         if (parts == 1) {
             gather_rows<B>(m, 0, n, alpha, copy, copy);
         } else {
@@ -253,7 +249,9 @@ void multiply_far(crs_view<Index> m, double alpha, matrix_view<const double> x, 
                 const std::int64_t to = std::min(from + rows, n);
                 gather_rows<B>(m, from, to, alpha, copy, gathered);
 #pragma omp ordered
-                {}
+                {
+                    // All rows above are gathered.
+                }
                 std::copy(gathered, gathered + (to - from) * B, copy + from * B);
             }
         }

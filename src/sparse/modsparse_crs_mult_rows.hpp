@@ -256,6 +256,16 @@ void add_to_columns(const double* rows, std::int64_t from, std::int64_t to, doub
         add_pairs_to_columns<B>(rows, 0, from, to, beta, columns);
 }
 
+/// Equations [from, to) of the columns to their rows, of which `rows` is that of equation 0. Columns that are
+/// not there are zeros.
+template <int B>
+void copy_rows(matrix_view<const double> columns, std::int64_t from, std::int64_t to, double* rows) {
+    for_chunks(from, to, [&](std::int64_t begin, std::int64_t end) {
+        if (columns.cols < B) zero_rows<B>(rows, begin, end);
+        into_rows<B>(columns, begin, end, rows + begin * B);
+    });
+}
+
 /// Asks for a line of each of the columns, B at most.
 template <int B, int Write, class View>
 [[gnu::always_inline]] inline void ask_columns(const View& columns, std::int64_t row) {
