@@ -2,7 +2,6 @@
 
 #include <omp.h>
 
-#include <array>
 #include <cassert>
 
 #include "modsparse_crs_mult_rows.hpp"

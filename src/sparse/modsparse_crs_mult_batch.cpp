@@ -28,6 +28,13 @@ struct batch {
     std::int32_t columns[most], sources[most];  // from 0; among the rows
     std::int64_t count = 0;
 
+    /// The element to stand at place e, which is not counted yet.
+    [[gnu::always_inline]] void put(std::int64_t e, std::int64_t element, std::int64_t column,
+                                    std::int64_t source) {
+        elements[e] = element;
+        columns[e] = static_cast<std::int32_t>(column);
+        sources[e] = static_cast<std::int32_t>(source);
+    }
     [[gnu::always_inline]] void ask_for(std::int64_t e, const double* sums) const {
         ask_for_row<B, 1>(sums + std::int64_t{columns[e]} * B);
     }
@@ -94,9 +101,7 @@ class batches {
         std::int64_t count = b.count;
         for (std::int64_t k = 0; k < elements; ++k) {  // one that is not ours is written over as well
             const std::int64_t c = std::int64_t{ja[k]} - 1;
-            b.elements[count] = begin + k;
-            b.columns[count] = static_cast<std::int32_t>(c);
-            b.sources[count] = row_of[k];
+            b.put(count, begin + k, c, row_of[k]);
             const std::int64_t low = std::max(own.from, below_first + row_of[k]);
             count += static_cast<std::uint64_t>(c - low) < static_cast<std::uint64_t>(own.to - low) ? 1 : 0;
         }
@@ -115,9 +120,7 @@ class batches {
         }
         for (; k < end && b.count < batch<B>::most; ++k) {
             const std::int64_t c = std::int64_t{ja[k]} - 1;
-            b.elements[b.count] = k;
-            b.columns[b.count] = static_cast<std::int32_t>(c);
-            b.sources[b.count] = static_cast<std::int32_t>(row_ - first_);
+            b.put(b.count, k, c, row_ - first_);
             if (c >= low && c < own_.to) ++b.count;
         }
         element_ = k;

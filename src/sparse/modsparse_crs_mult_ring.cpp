@@ -99,7 +99,8 @@ class ring {
     double* memory_;
 };
 
-/// Rows whose equations are all in the ring, the diagonal element first, if there is one: none is looked at.
+/// Rows whose equations are all in the ring at `ring_at`, the diagonal element first, if there is one: none
+/// is looked at.
 template <int B, class Lanes, std::signed_integral Index>
 [[gnu::always_inline]] inline void rows_in_ring(crs_view<Index> m, std::int64_t from, std::int64_t to,
                                                 double alpha, double* const ring_at) {
